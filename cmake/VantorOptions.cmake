@@ -1,0 +1,14 @@
+# Flags for our own targets only: warnings (as errors when VANTOR_MESSAGE_BOARD_WERROR is on) and the
+# sanitizers chosen by VANTOR_MESSAGE_BOARD_SANITIZE. Third-party code never sees them.
+function(vantor_apply_options target)
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor)
+  if(VANTOR_MESSAGE_BOARD_WERROR)
+    target_compile_options(${target} PRIVATE -Werror)
+  endif()
+  if(VANTOR_MESSAGE_BOARD_SANITIZE)
+    list(JOIN VANTOR_MESSAGE_BOARD_SANITIZE "," sanitizers)
+    target_compile_options(${target} PRIVATE -fsanitize=${sanitizers} -fno-omit-frame-pointer
+                                             -fno-sanitize-recover=all)
+    target_link_options(${target} PRIVATE -fsanitize=${sanitizers})
+  endif()
+endfunction()

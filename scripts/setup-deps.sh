@@ -1,0 +1,24 @@
+#!/usr/bin/env bash
+# Installs what building, testing and benchmarking the library needs (Debian 12), and nothing when it
+# is all there already. Run as root, or with sudo available.
+set -euo pipefail
+
+packages=(
+  cmake ninja-build g++ clang libclang-rt-14-dev   # toolchains; clang's sanitizer runtimes
+  libboost-dev                                       # boost::optional (and Boost.Signals2 for the benchmark)
+  libgtest-dev libgmock-dev libbenchmark-dev         # tests and benchmarks
+  binutils pkgconf                                   # nm/readelf and pkg-config for the artefact checks
+)
+
+missing=()
+for package in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" || missing+=("$package")
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+echo "setup-deps: installing ${missing[*]}"
+sudo=""
+[ "$(id -u)" -eq 0 ] || sudo="sudo"
+export DEBIAN_FRONTEND=noninteractive
+$sudo apt-get update -qq
+$sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null

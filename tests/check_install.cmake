@@ -1,0 +1,43 @@
+# Installs the build tree into a scratch prefix, then builds and runs a small consumer against it twice:
+# through find_package() and through pkg-config.
+function(run)
+  execute_process(COMMAND ${ARGV} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE out)
+  if(NOT rc EQUAL 0)
+    string(REPLACE ";" " " command "${ARGV}")
+    message(FATAL_ERROR "failed (${rc}): ${command}\n${out}")
+  endif()
+endfunction()
+
+set(prefix ${WORK_DIR}/prefix)
+file(REMOVE_RECURSE ${WORK_DIR})
+run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
+
+set(libdir ${prefix}/${LIBDIR})
+foreach(file libvantor_message_board.so libvantor_message_board.so.13 libvantor_message_board.so.13.0.0
+             pkgconfig/vantor_message_board.pc cmake/vantor_message_board/vantor_message_board-config.cmake
+             cmake/vantor_message_board/vantor_message_board-config-version.cmake)
+  if(NOT EXISTS ${libdir}/${file})
+    message(FATAL_ERROR "not installed: ${libdir}/${file}")
+  endif()
+endforeach()
+execute_process(COMMAND readelf -d ${libdir}/libvantor_message_board.so.13.0.0 OUTPUT_VARIABLE dynamic)
+if(NOT dynamic MATCHES "Library soname: \\[libvantor_message_board\\.so\\.13\\]")
+  message(FATAL_ERROR "unexpected SONAME:\n${dynamic}")
+endif()
+
+# find_package() with the major version, as a consumer would ask for it.
+run(${CMAKE_COMMAND} -S ${SOURCE_DIR} -B ${WORK_DIR}/build -G Ninja -DCMAKE_CXX_COMPILER=${CXX}
+    -DCMAKE_PREFIX_PATH=${prefix})
+run(${CMAKE_COMMAND} --build ${WORK_DIR}/build)
+run(${WORK_DIR}/build/consumer)
+
+# pkg-config.
+set(ENV{PKG_CONFIG_PATH} ${libdir}/pkgconfig)
+execute_process(COMMAND pkg-config --cflags --libs vantor_message_board OUTPUT_VARIABLE flags
+                RESULT_VARIABLE rc OUTPUT_STRIP_TRAILING_WHITESPACE)
+if(NOT rc EQUAL 0)
+  message(FATAL_ERROR "pkg-config does not know vantor_message_board")
+endif()
+separate_arguments(flags UNIX_COMMAND "${flags}")
+run(${CXX} ${SOURCE_DIR}/consumer.cpp ${flags} -Wl,-rpath,${libdir} -o ${WORK_DIR}/consumer_pc)
+run(${WORK_DIR}/consumer_pc)

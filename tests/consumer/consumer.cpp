@@ -1,0 +1,28 @@
+// A program outside the project that uses the installed library as a host would.
+#include <vantor/messaging/contract.hpp>
+
+#include <cstdio>
+
+namespace {
+
+class Greeting : public vantor::messaging::Contract {
+ public:
+  Greeting() : Contract("Greeting", true) {}
+  void publish(int value) {
+    update<int>("Value", [value] { return value; });
+  }
+  int read() { return get<int>("Value").value_or(-1); }
+};
+
+}  // namespace
+
+int main() {
+  Greeting greeting;
+  greeting.publish(13);
+  if (greeting.read() != 13) {
+    std::puts("consumer: the installed library did not hand back the published value");
+    return 1;
+  }
+  std::puts("consumer: ok");
+  return 0;
+}
