@@ -1,6 +1,8 @@
 # Flags for our own targets only: warnings (as errors when VANTOR_MESSAGE_BOARD_WERROR is on) and the
 # sanitizers chosen by VANTOR_MESSAGE_BOARD_SANITIZE. Third-party code never sees them.
 function(vantor_apply_options target)
+  target_compile_features(${target} PRIVATE cxx_std_17)
+  set_target_properties(${target} PROPERTIES CXX_EXTENSIONS OFF)
   target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor)
   if(VANTOR_MESSAGE_BOARD_WERROR)
     target_compile_options(${target} PRIVATE -Werror)

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# Builds the library (optimised) and installs it into build/release/stage.
+# Builds the library and its example host program (optimised), and runs the example.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup-deps.sh
 cmake --preset release >/dev/null
 cmake --build --preset release
-cmake --install build/release --prefix build/release/stage
+./build/release/host_demo

@@ -10,8 +10,6 @@
 #include <utility>
 #include <vector>
 
-#include <boost/optional/optional_io.hpp>
-
 #include "board_test_peer.hpp"
 #include "test_support.hpp"
 

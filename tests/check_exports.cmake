@@ -1,5 +1,7 @@
-# Fails unless every symbol that LIBRARY defines in its dynamic symbol table belongs to namespace vantor.
-execute_process(COMMAND nm -D --defined-only -C ${LIBRARY} OUTPUT_VARIABLE symbols RESULT_VARIABLE rc)
+# Fails unless every symbol that LIBRARY defines in its dynamic symbol table belongs to namespace vantor
+# (its functions and data, and the vtables and type information of its classes), judged on the mangled
+# names, and unless none of them is a GNU "unique" symbol, which would keep the library from unloading.
+execute_process(COMMAND nm -D --defined-only ${LIBRARY} OUTPUT_VARIABLE symbols RESULT_VARIABLE rc)
 if(NOT rc EQUAL 0)
   message(FATAL_ERROR "nm failed on ${LIBRARY}")
 endif()
@@ -7,12 +9,12 @@ string(REPLACE "\n" ";" lines "${symbols}")
 set(foreign "")
 set(ours 0)
 foreach(line IN LISTS lines)
-  if(line STREQUAL "")
+  # "<address> <type> <name>"; the version script's node name is an absolute symbol, not code of ours.
+  if(line STREQUAL "" OR line MATCHES " A ")
     continue()
   endif()
-  # "<address> <type> <name>"; the version node the linker adds for the script is no symbol of ours.
   string(REGEX REPLACE "^[0-9a-f]+ [A-Za-z] " "" name "${line}")
-  if(name MATCHES "^(vantor::|typeinfo for vantor::|typeinfo name for vantor::|vtable for vantor::)")
+  if(name MATCHES "^_Z(N|NK|TVN|TIN|TSN)6vantor")
     math(EXPR ours "${ours} + 1")
   else()
     string(APPEND foreign "  ${name}\n")
@@ -24,4 +26,9 @@ endif()
 if(ours EQUAL 0)
   message(FATAL_ERROR "the library exports nothing of namespace vantor")
 endif()
-message(STATUS "${ours} exported symbols, all in namespace vantor")
+
+execute_process(COMMAND readelf --dyn-syms -W ${LIBRARY} OUTPUT_VARIABLE table)
+if(table MATCHES "UNIQUE")
+  message(FATAL_ERROR "the library defines GNU unique symbols and could never be unloaded:\n${table}")
+endif()
+message(STATUS "${ours} exported symbols, all in namespace vantor, none unique")

@@ -4,11 +4,28 @@
 // own constructions and destructions.
 
 #include <atomic>
+#include <ostream>
 #include <condition_variable>
 #include <cstddef>
 #include <mutex>
 #include <thread>
 #include <vector>
+
+#include <boost/optional.hpp>
+#include <gtest/gtest-printers.h>
+
+// Lets GoogleTest print boost::optional values in failure messages (found by argument-dependent lookup).
+namespace boost {
+template <typename T>
+void PrintTo(const optional<T>& value, std::ostream* out) {
+  if (value) {
+    *out << "engaged ";
+    ::testing::internal::UniversalPrint(*value, out);
+  } else {
+    *out << "none";
+  }
+}
+}  // namespace boost
 
 namespace vantor::testing {
 

@@ -1,5 +1,6 @@
 // A program outside the project that uses the installed library as a host would.
 #include <vantor/messaging/contract.hpp>
+#include <vantor/messaging/contract_cyber_security.hpp>
 
 #include <cstdio>
 
@@ -21,6 +22,14 @@ int main() {
   greeting.publish(13);
   if (greeting.read() != 13) {
     std::puts("consumer: the installed library did not hand back the published value");
+    return 1;
+  }
+  auto& security = vantor::messaging::CyberSecurityContract::instance();
+  bool received = false;
+  security.connectSecuredSignal([&received](bool secured) { received = secured; });
+  security.updateSecured(true);
+  if (!received || !security.isSecured()) {
+    std::puts("consumer: the installed contract did not deliver the secured flag");
     return 1;
   }
   std::puts("consumer: ok");

@@ -176,7 +176,7 @@ class Signal {
   // mutex. On failure (allocation, or the callback's copy throws) nothing is appended.
   // Throws std::system_error(resource_deadlock_would_occur) when called from this signal's callback.
   Connection connect(const Callback& callback) {
-    detail::TrackedLock lock(mutex_, holder_, "vantor::tessel::Signal::connect", kSubject);
+    detail::TrackedLock lock(mutex_, holder_, "vantor::tessel::Signal::connect", "a signal");
     for (auto it = slots_.begin(); it != slots_.end();) {
       it = it->second->disconnected.load(std::memory_order_acquire) ? slots_.erase(it) : std::next(it);
     }
@@ -191,7 +191,7 @@ class Signal {
   // Throws std::system_error(resource_deadlock_would_occur) when called from this signal's callback.
   template <typename... A>
   void emit(A&&... args) {
-    detail::TrackedLock lock(mutex_, holder_, "vantor::tessel::Signal::emit", kSubject);
+    detail::TrackedLock lock(mutex_, holder_, "vantor::tessel::Signal::emit", "a signal");
     deliver(std::forward<A>(args)...);
   }
 
@@ -222,13 +222,12 @@ class Signal {
   // mutex. Throws std::system_error(resource_deadlock_would_occur) when called from this signal's
   // callback.
   void disconnectAll() {
-    detail::TrackedLock lock(mutex_, holder_, "vantor::tessel::Signal::disconnectAll", kSubject);
+    detail::TrackedLock lock(mutex_, holder_, "vantor::tessel::Signal::disconnectAll", "a signal");
     slots_.clear();
   }
 
  private:
   using Slot = std::pair<Callback, std::shared_ptr<Connection::Status>>;
-  static constexpr const char* kSubject = "a signal";
 
   std::mutex mutex_;                 // guards slots_ and every read of the slots' flags
   std::list<Slot> slots_;            // guarded by mutex_; connection order, oldest first
