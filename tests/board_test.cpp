@@ -132,13 +132,6 @@ TEST(Board, KeyIsTheNameAColonAndTheTopicUnchanged) {
   EXPECT_TRUE(BoardTestPeer::hasGetter("Keys:"));
 }
 
-TEST(Board, ReadingOperationsCreateNoEntries) {
-  TestContract contract("Reads");
-  contract.notify<int>("never", 1);
-  EXPECT_FALSE(contract.get<int>("never"));
-  EXPECT_EQ(BoardTestPeer::entriesWithPrefix("Reads"), 0u);
-}
-
 // ---- lock discipline --------------------------------------------------------------------------------
 
 TEST(Board, GettersAndInitialDeliveriesRunUnderTheLockAndPublicationsOutsideIt) {

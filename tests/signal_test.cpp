@@ -236,6 +236,33 @@ TEST(Signal, ThrowingCallbackEndsTheDeliveryButKeepsWhatTheWalkErased) {
   EXPECT_TRUE(r.log.empty());
 }
 
+// A callable whose copies throw once `failing` is set.
+struct FailingCopy {
+  static inline bool failing = false;
+  FailingCopy() = default;
+  FailingCopy(const FailingCopy&) {
+    if (failing) throw std::runtime_error("copy failed");
+  }
+  FailingCopy(FailingCopy&&) noexcept = default;
+  void operator()(int) const {}
+};
+
+TEST(Signal, FailedConnectAppendsNothingButKeepsItsErasures) {
+  Recorder r;
+  r.add(1);
+  const Connection gone = r.add(2);
+  gone.block();
+  gone.disconnect();
+  const Signal<int>::Callback failing = FailingCopy();
+
+  FailingCopy::failing = true;
+  EXPECT_THROW(r.signal.connect(failing), std::runtime_error);
+  FailingCopy::failing = false;
+
+  EXPECT_FALSE(gone.blocked()) << "the disconnected slot was erased before the failure";
+  EXPECT_EQ(r.invokedBy(1), (std::vector<int>{1})) << "nothing was appended, and the mutex is free";
+}
+
 // The operations a callback must not call on its own signal.
 TEST(Signal, CallingItsOwnSignalFromACallbackThrowsInsteadOfDeadlocking) {
   Signal<int> signal;

@@ -116,6 +116,12 @@ class VANTOR_MESSAGE_BOARD_API Contract {
  private:
   BoardData& data() const { return *board_.data_; }
 
+  // With `lock` held: if the key has a subscriber, copies it, releases `lock` and hands `value` to the
+  // copy. Releases nothing when there is no subscriber (the caller's lock goes out of scope).
+  template <typename T>
+  void deliverUnlocked(tessel::detail::TrackedLock& lock, const std::string& fullKey, const T& value,
+                       std::string_view operation);
+
   MessageBoard& board_;
   std::string name_;
   bool purgeOnDestroy_;
@@ -132,11 +138,7 @@ void Contract::update(const std::string& topic, const Getter<T>& getter) {
   tessel::detail::TrackedLock lock(board.mutex, board.holder, kOperation, fullKey);
   board.getters.insert_or_assign(fullKey, std::move(stored));
   const T value = getter();  // std::bad_function_call for an empty getter, which stays stored
-  const auto found = board.subscribers.find(fullKey);
-  if (found == board.subscribers.end()) return;
-  const Subscriber<T> delivery = detail::entryAs<Subscriber<T>>(found->second, kOperation, fullKey);
-  lock.unlock();
-  delivery(value);
+  deliverUnlocked(lock, fullKey, value, kOperation);
 }
 
 template <typename T>
@@ -145,11 +147,18 @@ void Contract::notify(const std::string& topic, const T& value) {
   const std::string fullKey = key(topic);
   BoardData& board = data();
   tessel::detail::TrackedLock lock(board.mutex, board.holder, kOperation, fullKey);
+  deliverUnlocked(lock, fullKey, value, kOperation);
+}
+
+template <typename T>
+void Contract::deliverUnlocked(tessel::detail::TrackedLock& lock, const std::string& fullKey, const T& value,
+                               std::string_view operation) {
+  BoardData& board = data();
   const auto found = board.subscribers.find(fullKey);
   if (found == board.subscribers.end()) return;
-  const Subscriber<T> delivery = detail::entryAs<Subscriber<T>>(found->second, kOperation, fullKey);
+  const Subscriber<T> delivery = detail::entryAs<Subscriber<T>>(found->second, operation, fullKey);
   lock.unlock();
-  delivery(value);
+  delivery(value);  // std::bad_function_call for an empty subscriber, raised with the lock released
 }
 
 template <typename T>
