@@ -133,7 +133,7 @@ template <typename T>
 void Contract::update(const std::string& topic, const Getter<T>& getter) {
   static constexpr std::string_view kOperation = "vantor::messaging::Contract::update";
   const std::string fullKey = key(topic);
-  std::any stored(getter);  // copied before locking: a callable's copy never runs under the lock
+  std::any stored(getter);  // the stored copy is made before locking, to keep the lock short
   BoardData& board = data();
   tessel::detail::TrackedLock lock(board.mutex, board.holder, kOperation, fullKey);
   board.getters.insert_or_assign(fullKey, std::move(stored));
