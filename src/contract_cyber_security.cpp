@@ -29,6 +29,24 @@ std::string portTopic(const std::string& address, int port) {
   return "IP:" + address + ":" + std::to_string(port);  // std::to_string(int) prints as "%d" does
 }
 
+// The contract's mutex_ guards members that are only ever copied out or replaced whole, here. Only the
+// copy and the swap run under it: a copied hook is called, and a replaced value destroyed, after the
+// lock is released.
+template <typename T>
+T copyGuarded(std::mutex& mutex, const T& member) {
+  std::lock_guard<std::mutex> lock(mutex);
+  return member;
+}
+
+template <typename T>
+void replaceGuarded(std::mutex& mutex, T& member, T replacement) {
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    std::swap(member, replacement);
+  }
+  // `replacement` now holds the previous value and is destroyed here, outside the lock.
+}
+
 }  // namespace
 
 CyberSecurityContract& CyberSecurityContract::instance() {
@@ -92,12 +110,7 @@ void CyberSecurityContract::updateIpAllPortsAllowed(const std::string& address, 
   update<bool>(addressTopic(address), [allowed] { return allowed; });
   // The walk covers the list as it is now, on a copy: replacing the list meanwhile (from another
   // thread or from a callback of this walk) changes nothing for it.
-  std::vector<int> ports;
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    ports = tcpPorts_;
-  }
-  for (const int port : ports) updateIpPortAllowed(address, port, allowed);
+  for (const int port : copyGuarded(mutex_, tcpPorts_)) updateIpPortAllowed(address, port, allowed);
 }
 
 void CyberSecurityContract::subscribeToIpPortAllowed(const std::string& address, int port,
@@ -117,44 +130,25 @@ bool CyberSecurityContract::isIpSecured(const std::string& address) {
 }
 
 Logger& CyberSecurityContract::userActivityLogger() {
-  LoggerHook logger;
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    logger = userActivityLogger_;
-  }
-  return logger();  // std::bad_function_call while no hook is set
+  return copyGuarded(mutex_, userActivityLogger_)();  // std::bad_function_call while no hook is set
 }
 
 void CyberSecurityContract::setUserActivityLogger(const LoggerHook& logger) {
-  LoggerHook replaced = logger;
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    std::swap(userActivityLogger_, replaced);
-  }
-  // `replaced` (the previous hook) is destroyed here, outside the lock.
+  replaceGuarded(mutex_, userActivityLogger_, logger);
 }
 
 void CyberSecurityContract::setRegisterConnectonCallback(const ConnectionCallback& callback) {
-  ConnectionCallback replaced = callback;
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    std::swap(registerConnectionCallback_, replaced);
-  }
+  replaceGuarded(mutex_, registerConnectionCallback_, callback);
 }
 
 void CyberSecurityContract::registerConnection(const std::string& address, int port, bool allowed) {
-  ConnectionCallback callback;
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    callback = registerConnectionCallback_;
-  }
+  const ConnectionCallback callback = copyGuarded(mutex_, registerConnectionCallback_);
   if (callback) callback(address, port, allowed);
 }
 
 void CyberSecurityContract::setTcpPortsVector(std::vector<int>&& ports) {
-  std::vector<int> copy(ports.begin(), ports.end());  // copied, not moved: the caller keeps its list
-  std::lock_guard<std::mutex> lock(mutex_);
-  tcpPorts_.swap(copy);
+  // Copied, not moved: the caller keeps its list.
+  replaceGuarded(mutex_, tcpPorts_, std::vector<int>(ports.begin(), ports.end()));
 }
 
 }  // namespace vantor::messaging
