@@ -67,10 +67,9 @@ void LockGuard(benchmark::State& state) {
 }
 
 void TrackedLock(benchmark::State& state) {
-  std::mutex mutex;
-  vantor::tessel::detail::LockHolder holder;
+  vantor::tessel::detail::TrackedMutex mutex("a mutex");
   for (auto _ : state) {
-    vantor::tessel::detail::TrackedLock lock(mutex, holder, "bench", "a mutex");
+    vantor::tessel::detail::TrackedLock lock(mutex, "bench");
     benchmark::ClobberMemory();
   }
 }

@@ -1,16 +1,22 @@
 #include "vantor/messaging/contract_cyber_security.hpp"
 
+#include <string.h>  // explicit_bzero
+
+#include <charconv>
 #include <utility>
 
 namespace vantor::tessel {
 
 template class Signal<bool>;
 template void Signal<bool>::emit<bool&>(bool&);
+template void Signal<bool>::emitAs<bool&>(const char*, bool&);
 template void Signal<bool>::deliver<bool&>(bool&);
 
 using TokenSignal = Signal<boost::optional<std::array<unsigned char, 32>>>;
 template class Signal<boost::optional<std::array<unsigned char, 32>>>;
 template void TokenSignal::emit<const std::array<unsigned char, 32>&>(const std::array<unsigned char, 32>&);
+template void TokenSignal::emitAs<const std::array<unsigned char, 32>&>(const char*,
+                                                                        const std::array<unsigned char, 32>&);
 template void TokenSignal::deliver<const std::array<unsigned char, 32>&>(const std::array<unsigned char, 32>&);
 
 }  // namespace vantor::tessel
@@ -19,32 +25,32 @@ namespace vantor::messaging {
 
 namespace {
 
-const std::string kSecured = "Secured";
-const std::string kNewCredentials = "NewCredentials";
-const std::string kSecurityToken = "SecurityToken";
+// The public operations, as errors name them.
+constexpr const char* kInstance = "CyberSecurityContract::instance";
+constexpr const char* kUpdateSecured = "CyberSecurityContract::updateSecured";
+constexpr const char* kUpdateAboutNewCreds = "CyberSecurityContract::updateAboutNewCreds";
+constexpr const char* kUpdateSecurityToken = "CyberSecurityContract::updateSecurityToken";
 
-std::string addressTopic(const std::string& address) { return "IP:" + address; }
-
-std::string portTopic(const std::string& address, int port) {
-  return "IP:" + address + ":" + std::to_string(port);  // std::to_string(int) prints as "%d" does
-}
-
-// The contract's mutex_ guards members that are only ever copied out or replaced whole, here. Only the
-// copy and the swap run under it: a copied hook is called, and a replaced value destroyed, after the
-// lock is released.
+// Copies a member guarded by `mutex`. Only pointers and the port list are copied under it, never a
+// host callable, so no host code runs under the lock.
 template <typename T>
-T copyGuarded(std::mutex& mutex, const T& member) {
-  std::lock_guard<std::mutex> lock(mutex);
+T copyGuarded(tessel::detail::TrackedMutex& mutex, const T& member, const char* operation) {
+  tessel::detail::TrackedLock lock(mutex, operation);
   return member;
 }
 
+// Swaps `replacement` into a member guarded by `mutex`. The previous value is destroyed when
+// `replacement` goes out of scope, after the lock is released.
 template <typename T>
-void replaceGuarded(std::mutex& mutex, T& member, T replacement) {
+void replaceGuarded(tessel::detail::TrackedMutex& mutex, T& member, T replacement, const char* operation) {
   {
-    std::lock_guard<std::mutex> lock(mutex);
+    tessel::detail::TrackedLock lock(mutex, operation);
     std::swap(member, replacement);
   }
-  // `replacement` now holds the previous value and is destroyed here, outside the lock.
+}
+
+void wipe(CyberSecurityContract::OptionalToken& token) noexcept {
+  if (token) explicit_bzero(token->data(), token->size());
 }
 
 }  // namespace
@@ -59,43 +65,83 @@ CyberSecurityContract& CyberSecurityContract::instance() {
 CyberSecurityContract::CyberSecurityContract()
     : Contract("CyberSecurity", /*purgeOnDestroy=*/true),
       tcpPorts_{17161, 17168, 17171, 17172, 17175, 17176, 17178} {
-  // Each subscriber holds only `this`. Should a later subscribe throw, the base destructor purges the
-  // ones already stored.
-  subscribe<bool>(kSecured, [this](const bool& secured) {
-    bool value = secured;
-    securedSignal_.emit(value);
-  });
-  subscribe<bool>(kNewCredentials, [this](const bool& notice) {
-    bool value = notice;
-    newCredentialsSignal_.emit(value);
-  });
-  subscribe<Token>(kSecurityToken, [this](const Token& token) { securityTokenSignal_.emit(token); });
+  // Each subscriber holds only `this` and names the operation that publishes its topic, so that an
+  // error raised by its signal's lock names that operation. Should a later subscribe throw, the base
+  // destructor purges the ones already stored.
+  subscribeKey<bool>(key("Secured"), Subscriber<bool>([this](const bool& secured) {
+                       bool value = secured;
+                       securedSignal_.emitAs(kUpdateSecured, value);
+                     }),
+                     kInstance);
+  subscribeKey<bool>(key("NewCredentials"), Subscriber<bool>([this](const bool& notice) {
+                       bool value = notice;
+                       newCredentialsSignal_.emitAs(kUpdateAboutNewCreds, value);
+                     }),
+                     kInstance);
+  subscribeKey<Token>(
+      key("SecurityToken"),
+      Subscriber<Token>([this](const Token& token) { securityTokenSignal_.emitAs(kUpdateSecurityToken, token); }),
+      kInstance);
 }
 
-// Members go in reverse order (hooks, ports, then the three signals, which drop their callbacks),
-// then the base purges every "CyberSecurity" key.
-CyberSecurityContract::~CyberSecurityContract() = default;
+// Members go in reverse order (hooks, ports, the token once wiped, then the three signals, which drop
+// their callbacks), then the base purges every "CyberSecurity" key.
+CyberSecurityContract::~CyberSecurityContract() { wipe(securityToken_); }
 
-void CyberSecurityContract::connectSecuredSignal(const FlagCallback& callback) { securedSignal_.connect(callback); }
+std::string CyberSecurityContract::addressKey(const std::string& address) const {
+  std::string fullKey = keyWithRoom(3 + address.size());
+  fullKey.append("IP:").append(address);
+  return fullKey;
+}
+
+std::string CyberSecurityContract::portKey(const std::string& address, int port) const {
+  char digits[12];  // "-2147483648"
+  const std::size_t length = std::to_chars(digits, digits + sizeof digits, port).ptr - digits;  // as "%d" prints
+  std::string fullKey = keyWithRoom(3 + address.size() + 1 + length);
+  fullKey.append("IP:").append(address).append(1, ':').append(digits, length);
+  return fullKey;
+}
+
+void CyberSecurityContract::connectSecuredSignal(const FlagCallback& callback) {
+  securedSignal_.connectAs("CyberSecurityContract::connectSecuredSignal", callback);
+}
 
 void CyberSecurityContract::connectNewCredentialsSignal(const FlagCallback& callback) {
-  newCredentialsSignal_.connect(callback);
+  newCredentialsSignal_.connectAs("CyberSecurityContract::connectNewCredentialsSignal", callback);
 }
 
 void CyberSecurityContract::connectSecurityTokenSignal(const TokenCallback& callback) {
-  securityTokenSignal_.connect(callback);
+  securityTokenSignal_.connectAs("CyberSecurityContract::connectSecurityTokenSignal", callback);
+}
+
+tessel::Connection CyberSecurityContract::connectSecuredSignalWithHandle(const FlagCallback& callback) {
+  return securedSignal_.connectAs("CyberSecurityContract::connectSecuredSignalWithHandle", callback);
+}
+
+tessel::Connection CyberSecurityContract::connectNewCredentialsSignalWithHandle(const FlagCallback& callback) {
+  return newCredentialsSignal_.connectAs("CyberSecurityContract::connectNewCredentialsSignalWithHandle", callback);
+}
+
+tessel::Connection CyberSecurityContract::connectSecurityTokenSignalWithHandle(const TokenCallback& callback) {
+  return securityTokenSignal_.connectAs("CyberSecurityContract::connectSecurityTokenSignalWithHandle", callback);
 }
 
 void CyberSecurityContract::updateSecured(bool secured) {
   secured_.store(secured);
-  update<bool>(kSecured, [this] { return secured_.load(); });
+  publish<bool>(key("Secured"), Getter<bool>([this] { return secured_.load(); }), kUpdateSecured);
 }
 
-void CyberSecurityContract::updateAboutNewCreds() { notify<bool>(kNewCredentials, true); }
+void CyberSecurityContract::updateAboutNewCreds() { notifyKey<bool>(key("NewCredentials"), true, kUpdateAboutNewCreds); }
 
 void CyberSecurityContract::updateSecurityToken(const OptionalToken& token) {
-  securityToken_ = token;
-  update<Token>(kSecurityToken, [this] { return securityToken_ ? *securityToken_ : Token{}; });
+  if (token) {
+    securityToken_ = token;  // an engaged token is overwritten in place
+  } else {
+    wipe(securityToken_);  // a reset optional keeps its payload: clear the bytes first
+    securityToken_ = boost::none;
+  }
+  publish<Token>(key("SecurityToken"), Getter<Token>([this] { return securityToken_ ? *securityToken_ : Token{}; }),
+                 kUpdateSecurityToken);
 }
 
 bool CyberSecurityContract::isSecured() const { return secured_.load(); }
@@ -103,52 +149,66 @@ bool CyberSecurityContract::isSecured() const { return secured_.load(); }
 const CyberSecurityContract::OptionalToken& CyberSecurityContract::getSecurityToken() const { return securityToken_; }
 
 void CyberSecurityContract::updateIpPortAllowed(const std::string& address, int port, bool allowed) {
-  update<bool>(portTopic(address, port), [allowed] { return allowed; });
+  publish<bool>(portKey(address, port), Getter<bool>([allowed] { return allowed; }),
+                "CyberSecurityContract::updateIpPortAllowed");
 }
 
 void CyberSecurityContract::updateIpAllPortsAllowed(const std::string& address, bool allowed) {
-  update<bool>(addressTopic(address), [allowed] { return allowed; });
+  static constexpr const char* kOperation = "CyberSecurityContract::updateIpAllPortsAllowed";
+  publish<bool>(addressKey(address), Getter<bool>([allowed] { return allowed; }), kOperation);
   // The walk covers the list as it is now, on a copy: replacing the list meanwhile (from another
   // thread or from a callback of this walk) changes nothing for it.
-  for (const int port : copyGuarded(mutex_, tcpPorts_)) updateIpPortAllowed(address, port, allowed);
+  for (const int port : copyGuarded(mutex_, tcpPorts_, kOperation)) {
+    publish<bool>(portKey(address, port), Getter<bool>([allowed] { return allowed; }), kOperation);
+  }
 }
 
 void CyberSecurityContract::subscribeToIpPortAllowed(const std::string& address, int port,
                                                      const FlagCallback& callback) {
-  Subscriber<bool> subscriber;
-  if (callback) subscriber = [callback](const bool& allowed) { callback(allowed); };
-  subscribe<bool>(portTopic(address, port), subscriber);
+  // The board keeps a copy of the host's callback itself (empty if it is empty), called with the flag.
+  subscribeKey<bool>(portKey(address, port), callback, "CyberSecurityContract::subscribeToIpPortAllowed");
 }
 
 void CyberSecurityContract::unsubscribeFromIpPortAllowed(const std::string& address, int port) {
-  unsubscribe(portTopic(address, port));
+  withdraw(portKey(address, port), "CyberSecurityContract::unsubscribeFromIpPortAllowed");
 }
 
 bool CyberSecurityContract::isIpSecured(const std::string& address) {
   if (!secured_.load()) return true;
-  return get<bool>(addressTopic(address)).value_or(false);
+  return read<bool>(addressKey(address), "CyberSecurityContract::isIpSecured").value_or(false);
 }
 
 Logger& CyberSecurityContract::userActivityLogger() {
-  return copyGuarded(mutex_, userActivityLogger_)();  // std::bad_function_call while no hook is set
+  const auto logger = copyGuarded(mutex_, userActivityLogger_, "CyberSecurityContract::userActivityLogger");
+  if (!logger) throw std::bad_function_call();
+  return (*logger)();  // std::bad_function_call for a hook set empty
 }
 
 void CyberSecurityContract::setUserActivityLogger(const LoggerHook& logger) {
-  replaceGuarded(mutex_, userActivityLogger_, logger);
+  replaceGuarded(mutex_, userActivityLogger_, logger ? std::make_shared<const LoggerHook>(logger) : nullptr,
+                 "CyberSecurityContract::setUserActivityLogger");
+}
+
+void CyberSecurityContract::setRegisterConnectionCallback(const ConnectionCallback& callback) {
+  replaceGuarded(mutex_, registerConnectionCallback_,
+                 callback ? std::make_shared<const ConnectionCallback>(callback) : nullptr,
+                 "CyberSecurityContract::setRegisterConnectionCallback");
 }
 
 void CyberSecurityContract::setRegisterConnectonCallback(const ConnectionCallback& callback) {
-  replaceGuarded(mutex_, registerConnectionCallback_, callback);
+  setRegisterConnectionCallback(callback);
 }
 
 void CyberSecurityContract::registerConnection(const std::string& address, int port, bool allowed) {
-  const ConnectionCallback callback = copyGuarded(mutex_, registerConnectionCallback_);
-  if (callback) callback(address, port, allowed);
+  const auto callback =
+      copyGuarded(mutex_, registerConnectionCallback_, "CyberSecurityContract::registerConnection");
+  if (callback) (*callback)(address, port, allowed);
 }
 
 void CyberSecurityContract::setTcpPortsVector(std::vector<int>&& ports) {
   // Copied, not moved: the caller keeps its list.
-  replaceGuarded(mutex_, tcpPorts_, std::vector<int>(ports.begin(), ports.end()));
+  replaceGuarded(mutex_, tcpPorts_, std::vector<int>(ports.begin(), ports.end()),
+                 "CyberSecurityContract::setTcpPortsVector");
 }
 
 }  // namespace vantor::messaging

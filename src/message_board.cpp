@@ -1,8 +1,21 @@
 #include "vantor/messaging/message_board.hpp"
 
 #include <stdexcept>
+#include <type_traits>
 
 #include "vantor/messaging/contract.hpp"
+
+namespace vantor::tessel::detail {
+
+// Constant-initialised and trivially destructible: it registers nothing with the exit handlers, so it
+// never pins the library in memory, and it is usable from the first lock of the process to the last.
+WaitRegistry* processWaitRegistry() noexcept {
+  static WaitRegistry registry;
+  return &registry;
+}
+static_assert(std::is_trivially_destructible_v<WaitRegistry>);
+
+}  // namespace vantor::tessel::detail
 
 namespace vantor::messaging {
 
@@ -17,9 +30,9 @@ MessageBoard::~MessageBoard() = default;
 
 namespace detail {
 
-void throwTypeMismatch(std::string_view operation, const std::string& key) {
+void throwTypeMismatch(const char* operation, const std::string& key) {
   std::string message(operation);
-  message.append(": key \"").append(key).append("\" holds a value type other than the one named");
+  message.append(" on \"").append(key).append("\": the key holds a value type other than the one named");
   throw std::invalid_argument(message);
 }
 
@@ -29,13 +42,9 @@ namespace {
 
 // Erases every entry whose key starts with `prefix`. Erased function objects are destroyed here, so
 // the caller holds the board lock.
-void eraseWithPrefix(std::unordered_map<std::string, std::any>& entries, const std::string& prefix) {
+void eraseWithPrefix(BoardMap& entries, const std::string& prefix) {
   for (auto it = entries.begin(); it != entries.end();) {
-    if (it->first.compare(0, prefix.size(), prefix) == 0) {
-      it = entries.erase(it);
-    } else {
-      ++it;
-    }
+    it = it->first.text.compare(0, prefix.size(), prefix) == 0 ? entries.erase(it) : std::next(it);
   }
 }
 
@@ -47,26 +56,32 @@ Contract::Contract(std::string name, bool purgeOnDestroy)
 Contract::~Contract() {
   if (!purgeOnDestroy_) return;
   BoardData& board = data();
-  tessel::detail::TrackedLock lock(board.mutex, board.holder, "vantor::messaging::Contract::~Contract",
-                                   name_);
+  tessel::detail::TrackedLock lock(board.mutex, "Contract::~Contract", name_);
   eraseWithPrefix(board.getters, name_);
   eraseWithPrefix(board.subscribers, name_);
 }
 
-std::string Contract::key(const std::string& topic) const {
+std::string Contract::keyWithRoom(std::size_t topicSize) const {
   std::string fullKey;
-  fullKey.reserve(name_.size() + 1 + topic.size());
-  fullKey.append(name_).append(1, ':').append(topic);
+  fullKey.reserve(name_.size() + 1 + topicSize);
+  fullKey.append(name_).append(1, ':');
   return fullKey;
 }
 
-void Contract::unsubscribe(const std::string& topic) {
-  const std::string fullKey = key(topic);
+std::string Contract::key(const std::string& topic) const {
+  std::string fullKey = keyWithRoom(topic.size());
+  fullKey.append(topic);
+  return fullKey;
+}
+
+void Contract::unsubscribe(const std::string& topic) { withdraw(key(topic), "Contract::unsubscribe"); }
+
+void Contract::withdraw(std::string fullKey, const char* operation) {
+  const BoardKey key(std::move(fullKey));
   BoardData& board = data();
-  tessel::detail::TrackedLock lock(board.mutex, board.holder, "vantor::messaging::Contract::unsubscribe",
-                                   fullKey);
-  board.getters.erase(fullKey);
-  board.subscribers.erase(fullKey);
+  tessel::detail::TrackedLock lock(board.mutex, operation, key.text);
+  board.getters.erase(key);
+  board.subscribers.erase(key);
 }
 
 }  // namespace vantor::messaging

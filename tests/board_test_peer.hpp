@@ -3,6 +3,8 @@
 // Test access to the board: a contract whose topic operations are public, and an inspector of the
 // board's maps and lock (a friend of MessageBoard).
 
+#include <cstddef>
+#include <thread>
 #include <string>
 #include <utility>
 
@@ -19,33 +21,26 @@ class BoardTestPeer {
   // Entries in both maps whose key starts with `prefix`.
   static std::size_t entriesWithPrefix(const std::string& prefix) {
     BoardData& board = data();
-    std::lock_guard<std::mutex> lock(board.mutex);
+    tessel::detail::TrackedLock lock(board.mutex, "BoardTestPeer::entriesWithPrefix");
     std::size_t found = 0;
     for (const auto* map : {&board.getters, &board.subscribers}) {
-      for (const auto& entry : *map) found += entry.first.compare(0, prefix.size(), prefix) == 0;
+      for (const auto& entry : *map) found += entry.first.text.compare(0, prefix.size(), prefix) == 0;
     }
     return found;
   }
 
-  static bool heldByThisThread() {
-    return data().holder.load(std::memory_order_relaxed) == std::this_thread::get_id();
-  }
+  static bool heldByThisThread() { return data().mutex.holder() == std::this_thread::get_id(); }
 
-  // True when no thread holds the board lock (never locks twice on the calling thread).
-  static bool lockIsFree() {
-    if (heldByThisThread()) return false;
-    if (!data().mutex.try_lock()) return false;
-    data().mutex.unlock();
-    return true;
-  }
+  // True when no thread holds the board lock.
+  static bool lockIsFree() { return data().mutex.holder() == std::thread::id(); }
 
  private:
   static BoardData& data() { return *MessageBoard::instance_.data_; }
 
-  static std::size_t count(std::unordered_map<std::string, std::any> BoardData::*map, const std::string& key) {
+  static std::size_t count(BoardMap BoardData::*map, const std::string& key) VANTOR_NO_THREAD_SAFETY_ANALYSIS {
     BoardData& board = data();
-    std::lock_guard<std::mutex> lock(board.mutex);
-    return (board.*map).count(key);
+    tessel::detail::TrackedLock lock(board.mutex, "BoardTestPeer::count");
+    return (board.*map).count(BoardKey(key));
   }
 };
 

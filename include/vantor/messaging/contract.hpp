@@ -8,36 +8,47 @@
 // one getter and one subscriber; a second subscription replaces the first. Fan-out to many listeners
 // belongs to signals (vantor/tessel/signal.hpp), not to the board.
 //
-// Threads: every operation may be called from any thread, in any order. Each takes the board's mutex
-// once (see BoardData::mutex) and has released it on every way out, normal or exceptional.
+// Threads: every operation may be called from any thread, in any order. Each takes the board's lock
+// once (BoardData::mutex) and has released it on every way out, normal or exceptional.
 //
 // Callbacks and the board lock:
 //  - Run UNDER the board lock: getters (in update, subscribe, get), the initial delivery of subscribe,
-//    and the destruction of replaced or erased function objects. They must not call any board
-//    operation; if they do on the same thread, that call throws
-//    std::system_error(resource_deadlock_would_occur) instead of blocking forever.
+//    and the destruction of replaced or erased function objects. A getter or an initial delivery that
+//    calls a board operation gets std::system_error(resource_deadlock_would_occur) from that call,
+//    naming the operation and the lock, and the board stays intact. The destructor of a stored
+//    function object that calls a board operation, and a getter that makes a contract's very first
+//    instance() call (its constructor subscribes, fails, and its destructor's purge fails again), raise
+//    that error inside a destructor: the process terminates.
 //  - Run WITHOUT the lock: the deliveries of update and notify, on a copy of the subscriber. They may
 //    call any board operation, including on their own key. Because they run on copies, a subscriber
 //    can still be called after it was replaced or withdrawn, from several threads at once, and in an
-//    order other than that of the getter stores.
+//    order other than that of the getter stores. A subscriber that always republishes its own key
+//    recurses without end.
 //
 // Value types: each key has one value type T, fixed by its owner. An operation that names another T
-// than the one its key's entry was stored with throws std::invalid_argument naming the key.
+// than the one its key's entry was stored with throws std::invalid_argument naming the key. Types are
+// told apart without RTTI, so hosts built with -fno-rtti behave alike.
 //
 // Lifetime: a contract must outlive every operation on its keys. Its destructor, when purgeOnDestroy
 // is set, erases every board entry whose key begins with the contract's name (a bare prefix test: a
 // contract named "Cyber" also erases the entries of "CyberSecurity").
 
-#include <any>
+#include <array>
+#include <cstddef>
 #include <functional>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <utility>
+
+#include <string.h>  // explicit_bzero
 
 #include <boost/optional.hpp>
 
+#include "vantor/messaging/detail/stored_function.hpp"
 #include "vantor/messaging/export.hpp"
 #include "vantor/messaging/message_board.hpp"
+#include "vantor/tessel/detail/thread_annotations.hpp"
 #include "vantor/tessel/detail/tracked_lock.hpp"
 
 namespace vantor::messaging {
@@ -45,15 +56,27 @@ namespace vantor::messaging {
 namespace detail {
 
 // Raises the type-mismatch error for `key`.
-[[noreturn]] VANTOR_MESSAGE_BOARD_API void throwTypeMismatch(std::string_view operation,
-                                                            const std::string& key);
+[[noreturn]] VANTOR_MESSAGE_BOARD_API void throwTypeMismatch(const char* operation, const std::string& key);
 
-// The function object stored in `entry`, which must be of type F.
-template <typename F>
-const F& entryAs(const std::any& entry, std::string_view operation, const std::string& key) {
-  if (const F* function = std::any_cast<F>(&entry)) return *function;
-  throwTypeMismatch(operation, key);
+inline void checkType(const StoredFunction& entry, const TypeKey& named, const char* operation, const BoardKey& key) {
+  if (!sameType(entry.type(), named)) throwTypeMismatch(operation, key.text);
 }
+
+// Byte arrays are the board's secrets (a security token): they are wiped rather than just released.
+template <typename T>
+struct IsSecretBytes : std::false_type {};
+template <std::size_t N>
+struct IsSecretBytes<std::array<unsigned char, N>> : std::true_type {};
+
+// A value that the board read from a getter. A secret's bytes are wiped when it goes out of scope, so
+// that they do not linger in the dead stack frames of the publication path.
+template <typename T>
+struct Wiped {
+  T value;
+  ~Wiped() {
+    if constexpr (IsSecretBytes<T>::value) explicit_bzero(value.data(), value.size());
+  }
+};
 
 }  // namespace detail
 
@@ -73,7 +96,7 @@ class VANTOR_MESSAGE_BOARD_API Contract {
 
   // Purges the contract's keys if purgeOnDestroy was set (takes the board lock). Must not run
   // concurrently with an operation on the contract's keys, nor from a callback under the board lock
-  // (that throws inside a destructor and so terminates the process).
+  // (that error would leave a destructor and terminate the process).
   virtual ~Contract();
 
  protected:
@@ -89,13 +112,17 @@ class VANTOR_MESSAGE_BOARD_API Contract {
   // Throws std::bad_function_call for an empty getter (after storing it) or an empty subscriber
   // (after releasing the lock; the getter stays stored); passes on what the getter or subscriber throws.
   template <typename T>
-  void update(const std::string& topic, const Getter<T>& getter);
+  void update(const std::string& topic, const Getter<T>& getter) {
+    publish<T>(key(topic), getter, "Contract::update");
+  }
 
   // Hands `value` to the key's subscriber, if any, after releasing the lock. Stores no getter, so a
   // later subscribe or get does not see the value. Throws std::bad_function_call for an empty
   // subscriber; passes on what the subscriber throws.
   template <typename T>
-  void notify(const std::string& topic, const T& value);
+  void notify(const std::string& topic, const T& value) {
+    notifyKey<T>(key(topic), value, "Contract::notify");
+  }
 
   // Makes `subscriber` the key's subscriber (replacing and destroying the previous one). If the key
   // has a non-empty getter, first calls it and hands the value to `subscriber`, under the lock and
@@ -103,7 +130,9 @@ class VANTOR_MESSAGE_BOARD_API Contract {
   // If that initial delivery fails (std::bad_function_call for an empty subscriber, or whatever the
   // getter or subscriber throws), nothing is stored and the previous subscriber stays.
   template <typename T>
-  void subscribe(const std::string& topic, const Subscriber<T>& subscriber);
+  void subscribe(const std::string& topic, const Subscriber<T>& subscriber) {
+    subscribeKey<T>(key(topic), subscriber, "Contract::subscribe");
+  }
 
   // Erases the key's getter and subscriber, if any. A key with no entries is not an error.
   void unsubscribe(const std::string& topic);
@@ -111,16 +140,39 @@ class VANTOR_MESSAGE_BOARD_API Contract {
   // The value read through the key's getter (called once, under the lock), or none when the key has
   // no getter or an empty one. Never calls a subscriber and never creates an entry.
   template <typename T>
-  boost::optional<T> get(const std::string& topic);
+  boost::optional<T> get(const std::string& topic) {
+    return read<T>(key(topic), "Contract::get");
+  }
+
+  // ---- the same operations on a full key that the caller has built, with errors naming `operation`
+  // (a string literal): for derived contracts whose public operations build their keys in one step.
+
+  // `name:` with room for a topic of `topicSize` characters, to which the caller appends the topic.
+  std::string keyWithRoom(std::size_t topicSize) const;
+
+  template <typename T>
+  void publish(std::string fullKey, const Getter<T>& getter, const char* operation);
+  template <typename T>
+  void notifyKey(std::string fullKey, const T& value, const char* operation);
+  // `subscriber` is a std::function taking a const T& or a T.
+  template <typename T, typename S>
+  void subscribeKey(std::string fullKey, const S& subscriber, const char* operation);
+  void withdraw(std::string fullKey, const char* operation);
+  template <typename T>
+  boost::optional<T> read(std::string fullKey, const char* operation);
 
  private:
   BoardData& data() const { return *board_.data_; }
 
-  // With `lock` held: if the key has a subscriber, copies it, releases `lock` and hands `value` to the
-  // copy. Releases nothing when there is no subscriber (the caller's lock goes out of scope).
+  // A copy of the key's subscriber, taken under the board lock, or none.
   template <typename T>
-  void deliverUnlocked(tessel::detail::TrackedLock& lock, const std::string& fullKey, const T& value,
-                       std::string_view operation);
+  static boost::optional<detail::StoredFunction> copySubscriber(BoardData& board, const BoardKey& key,
+                                                                const char* operation) VANTOR_REQUIRES(board.mutex) {
+    const auto found = board.subscribers.find(key);
+    if (found == board.subscribers.end()) return boost::none;
+    detail::checkType(found->second, detail::typeKeyOf<T>, operation, key);
+    return found->second;
+  }
 
   MessageBoard& board_;
   std::string name_;
@@ -130,63 +182,58 @@ class VANTOR_MESSAGE_BOARD_API Contract {
 // ---- implementation of the templates ------------------------------------------------------------
 
 template <typename T>
-void Contract::update(const std::string& topic, const Getter<T>& getter) {
-  static constexpr std::string_view kOperation = "vantor::messaging::Contract::update";
-  const std::string fullKey = key(topic);
-  std::any stored(getter);  // the stored copy is made before locking, to keep the lock short
+void Contract::publish(std::string fullKey, const Getter<T>& getter, const char* operation) {
+  BoardKey key(std::move(fullKey));
+  // The stored copy is made before locking, to keep the lock short; storing it moves it in place.
+  detail::StoredFunction stored = detail::StoredFunction::getter<T>(getter);
   BoardData& board = data();
-  tessel::detail::TrackedLock lock(board.mutex, board.holder, kOperation, fullKey);
-  board.getters.insert_or_assign(fullKey, std::move(stored));
-  const T value = getter();  // std::bad_function_call for an empty getter, which stays stored
-  deliverUnlocked(lock, fullKey, value, kOperation);
-}
-
-template <typename T>
-void Contract::notify(const std::string& topic, const T& value) {
-  static constexpr std::string_view kOperation = "vantor::messaging::Contract::notify";
-  const std::string fullKey = key(topic);
-  BoardData& board = data();
-  tessel::detail::TrackedLock lock(board.mutex, board.holder, kOperation, fullKey);
-  deliverUnlocked(lock, fullKey, value, kOperation);
-}
-
-template <typename T>
-void Contract::deliverUnlocked(tessel::detail::TrackedLock& lock, const std::string& fullKey, const T& value,
-                               std::string_view operation) {
-  BoardData& board = data();
-  const auto found = board.subscribers.find(fullKey);
-  if (found == board.subscribers.end()) return;
-  const Subscriber<T> delivery = detail::entryAs<Subscriber<T>>(found->second, operation, fullKey);
+  tessel::detail::TrackedLock lock(board.mutex, operation, key.text);
+  const auto [entry, inserted] = board.getters.try_emplace(std::move(key), std::move(stored));
+  if (!inserted) entry->second = std::move(stored);  // the previous getter is destroyed here, under the lock
+  const detail::Wiped<T> value{getter()};           // std::bad_function_call for an empty getter, which stays stored
+  const auto delivery = copySubscriber<T>(board, entry->first, operation);
   lock.unlock();
-  delivery(value);  // std::bad_function_call for an empty subscriber, raised with the lock released
+  if (delivery) delivery->template deliver<T>(value.value);  // std::bad_function_call for an empty subscriber
 }
 
 template <typename T>
-void Contract::subscribe(const std::string& topic, const Subscriber<T>& subscriber) {
-  static constexpr std::string_view kOperation = "vantor::messaging::Contract::subscribe";
-  const std::string fullKey = key(topic);
-  std::any stored(subscriber);
+void Contract::notifyKey(std::string fullKey, const T& value, const char* operation) {
+  const BoardKey key(std::move(fullKey));
   BoardData& board = data();
-  tessel::detail::TrackedLock lock(board.mutex, board.holder, kOperation, fullKey);
-  const auto found = board.getters.find(fullKey);
+  tessel::detail::TrackedLock lock(board.mutex, operation, key.text);
+  const auto delivery = copySubscriber<T>(board, key, operation);
+  lock.unlock();
+  if (delivery) delivery->template deliver<T>(value);
+}
+
+template <typename T, typename S>
+void Contract::subscribeKey(std::string fullKey, const S& subscriber, const char* operation) {
+  BoardKey key(std::move(fullKey));
+  detail::StoredFunction stored = detail::StoredFunction::subscriber<T>(subscriber);
+  BoardData& board = data();
+  tessel::detail::TrackedLock lock(board.mutex, operation, key.text);
+  const auto found = board.getters.find(key);
   if (found != board.getters.end()) {
-    const Getter<T>& getter = detail::entryAs<Getter<T>>(found->second, kOperation, fullKey);
-    if (getter) subscriber(getter());
+    detail::checkType(found->second, detail::typeKeyOf<T>, operation, key);
+    if (!found->second.empty()) {
+      const detail::Wiped<T> value{found->second.template get<T>()};
+      subscriber(value.value);  // the initial delivery; nothing is stored if it throws
+    }
   }
-  board.subscribers.insert_or_assign(fullKey, std::move(stored));
+  const auto [entry, inserted] = board.subscribers.try_emplace(std::move(key), std::move(stored));
+  if (!inserted) entry->second = std::move(stored);
 }
 
 template <typename T>
-boost::optional<T> Contract::get(const std::string& topic) {
-  static constexpr std::string_view kOperation = "vantor::messaging::Contract::get";
-  const std::string fullKey = key(topic);
+boost::optional<T> Contract::read(std::string fullKey, const char* operation) {
+  const BoardKey key(std::move(fullKey));
   BoardData& board = data();
-  tessel::detail::TrackedLock lock(board.mutex, board.holder, kOperation, fullKey);
-  const auto found = board.getters.find(fullKey);
+  tessel::detail::TrackedLock lock(board.mutex, operation, key.text);
+  const auto found = board.getters.find(key);
   if (found == board.getters.end()) return boost::none;
-  const Getter<T>& getter = detail::entryAs<Getter<T>>(found->second, kOperation, fullKey);
-  if (!getter) return boost::none;
-  return getter();
+  detail::checkType(found->second, detail::typeKeyOf<T>, operation, key);
+  if (found->second.empty()) return boost::none;
+  return found->second.template get<T>();
 }
 
 }  // namespace vantor::messaging

@@ -18,20 +18,29 @@
 //
 // Threads: every operation may be called from any thread. Every callback runs synchronously on the
 // thread of the call that caused it. The secured flag is atomic, and the port list and the two host
-// hooks are guarded by a small lock of the contract's own (mutex_, never held while a callback runs),
-// so their writers and readers may run at the same time. One limit remains: getSecurityToken() hands
-// out a reference to the token, so updateSecurityToken must not run at the same time as another
-// updateSecurityToken or as a read through that reference (a copy taken meanwhile could mix bytes).
+// hooks sit behind a small lock of the contract's own (mutex_) under which only pointers and the port
+// list are copied or swapped: no host code (no call, copy or destruction of a host callable) ever runs
+// under it. So their writers and readers may run at the same time, and a host callable may call any
+// operation of the contract, even from its copy constructor or destructor. One limit remains:
+// getSecurityToken() hands out a reference to the token, so updateSecurityToken must not run at the
+// same time as another updateSecurityToken or as a read through that reference (a copy taken
+// meanwhile could mix bytes).
 //
-// Callbacks connected to the three signals run holding that signal's mutex and not the board lock.
+// Callbacks connected to the three signals run holding that signal's lock and not the board lock.
 // Such a callback may call any operation except the one that feeds its own signal and the connect
-// operation of its own signal (on the same thread these throw
-// std::system_error(resource_deadlock_would_occur)). Two threads must not have callbacks of two
-// signals publish into each other's signal at the same time: each would wait for the other's mutex.
-// A callback given to subscribeToIpPortAllowed runs outside the board lock for publications, but under
-// it for the initial delivery of its subscription; during that initial delivery it must call no
-// operation that takes the board lock (updates, (un)subscriptions, isIpSecured while secured) nor a
-// connect operation.
+// operations of its own signal: those throw std::system_error(resource_deadlock_would_occur) naming
+// the operation and the signal ("updateSecured would wait for the secured signal's lock, which this
+// thread already holds ..."). A callback of one signal that publishes into another is fine while no
+// other thread does the opposite at the same time; if one does, the thread that closes the cycle gets
+// the same error instead of both hanging. A callback given to subscribeToIpPortAllowed runs outside
+// the board lock for publications, but under it for the initial delivery of its subscription; during
+// that initial delivery an operation that takes the board lock (updates, (un)subscriptions,
+// isIpSecured while secured) throws the same error, and a connect operation is forbidden (it takes a
+// signal's lock under the board's, the one order that may close a cycle).
+//
+// The security token: the contract wipes its copy of the token when it is replaced or cleared and
+// when the contract is destroyed, and the board wipes the copies it reads through the getter. The
+// copies handed to token callbacks (by value) belong to the host, which wipes them if it must.
 //
 // Failures: every exception (from a callback, std::bad_function_call for an empty one, allocation or
 // lock failures) reaches the caller with every lock released. A publication whose callback fails has
@@ -40,12 +49,14 @@
 // Lifetime: built on the first instance() call (callers that arrive meanwhile wait; a constructor that
 // throws is retried by the next call), destroyed at process exit or library unload, before the board;
 // its destruction removes every board entry whose key starts with "CyberSecurity". No operation may
-// run once its destruction has begun.
+// run once its destruction has begun. Callbacks connected through connect*Signal live as long as the
+// contract, that is the process; the connect*SignalWithHandle variants hand back a Connection (for
+// ScopedConnection) with which the host disconnects them earlier.
 
 #include <array>
 #include <atomic>
 #include <functional>
-#include <mutex>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -53,6 +64,8 @@
 
 #include "vantor/messaging/contract.hpp"
 #include "vantor/messaging/export.hpp"
+#include "vantor/tessel/detail/thread_annotations.hpp"
+#include "vantor/tessel/detail/tracked_lock.hpp"
 #include "vantor/tessel/signal.hpp"
 
 // The host's user-activity logger. The library only passes references to it around.
@@ -87,6 +100,12 @@ class VANTOR_MESSAGE_BOARD_API CyberSecurityContract final : public Contract {
   // `callback` receives every published token as an engaged optional; a cleared token arrives as 32
   // zero bytes (getSecurityToken() tells the two apart). Runs under the token signal's mutex.
   void connectSecurityTokenSignal(const TokenCallback& callback);
+
+  // The same three, handing back the slot's Connection, with which the host blocks or disconnects the
+  // callback (hold it in a tessel::ScopedConnection to disconnect it when a component goes away).
+  tessel::Connection connectSecuredSignalWithHandle(const FlagCallback& callback);
+  tessel::Connection connectNewCredentialsSignalWithHandle(const FlagCallback& callback);
+  tessel::Connection connectSecurityTokenSignalWithHandle(const TokenCallback& callback);
 
   // ---- security state
 
@@ -125,6 +144,8 @@ class VANTOR_MESSAGE_BOARD_API CyberSecurityContract final : public Contract {
   // Replaces the logger hook with a copy of `logger` (an empty one unsets it).
   void setUserActivityLogger(const LoggerHook& logger);
   // Replaces the connection callback with a copy of `callback` (an empty one unsets it).
+  void setRegisterConnectionCallback(const ConnectionCallback& callback);
+  // The same, under the name it has always had.
   void setRegisterConnectonCallback(const ConnectionCallback& callback);
   // Calls the connection callback once with the same arguments, if one is set; otherwise does nothing.
   void registerConnection(const std::string& address, int port, bool allowed);
@@ -135,17 +156,21 @@ class VANTOR_MESSAGE_BOARD_API CyberSecurityContract final : public Contract {
   CyberSecurityContract();
   ~CyberSecurityContract() override;
 
-  tessel::Signal<bool> securedSignal_;
-  tessel::Signal<bool> newCredentialsSignal_;
-  tessel::Signal<OptionalToken> securityTokenSignal_;
+  std::string addressKey(const std::string& address) const;
+  std::string portKey(const std::string& address, int port) const;
+
+  tessel::Signal<bool> securedSignal_{"the secured signal's lock"};
+  tessel::Signal<bool> newCredentialsSignal_{"the new-credentials signal's lock"};
+  tessel::Signal<OptionalToken> securityTokenSignal_{"the security token signal's lock"};
   std::atomic<bool> secured_{false};
-  OptionalToken securityToken_;                    // see the threading limit above
-  std::vector<int> tcpPorts_;                      // guarded by mutex_
-  LoggerHook userActivityLogger_;                  // guarded by mutex_
-  ConnectionCallback registerConnectionCallback_;  // guarded by mutex_
-  // Guards the port list and the hooks. Held only to copy or replace them, never while any callback
-  // or board operation runs, so it nests inside every other lock and never outside one.
-  mutable std::mutex mutex_;
+  OptionalToken securityToken_;  // see the threading limit above; wiped when cleared and at destruction
+  // Guards the port list and the hook pointers. Held only to copy or swap them: hooks are held through
+  // shared pointers, so a hook is copied, called and destroyed only after the lock is released. It
+  // therefore nests inside every other lock and never outside one.
+  mutable tessel::detail::TrackedMutex mutex_{"the contract's hook lock"};
+  std::vector<int> tcpPorts_ VANTOR_GUARDED_BY(mutex_);
+  std::shared_ptr<const LoggerHook> userActivityLogger_ VANTOR_GUARDED_BY(mutex_);                  // null: none
+  std::shared_ptr<const ConnectionCallback> registerConnectionCallback_ VANTOR_GUARDED_BY(mutex_);  // null: none
 };
 
 }  // namespace vantor::messaging

@@ -12,13 +12,16 @@
 // later, so they run earlier). Its destruction destroys every function object still stored without
 // calling any of them. No board operation may run before, during or after that destruction.
 
-#include <any>
+#include <cstddef>
+#include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <unordered_map>
+#include <utility>
 
+#include "vantor/messaging/detail/stored_function.hpp"
 #include "vantor/messaging/export.hpp"
+#include "vantor/tessel/detail/thread_annotations.hpp"
 #include "vantor/tessel/detail/tracked_lock.hpp"
 
 namespace vantor::messaging {
@@ -26,21 +29,36 @@ namespace vantor::messaging {
 class Contract;
 class BoardTestPeer;  // test-only inspector, defined by the test suite
 
-// The board's record. Each map entry is a type-erased `std::function` of the key's value type T:
-// `std::function<T()>` in `getters`, `std::function<void(const T&)>` in `subscribers`. `std::any`
-// keeps empty function objects distinguishable from absent entries, is copyable, and lets an operation
-// detect a key that holds another value type (see Contract). Destroying the record destroys the
-// subscribers, then the getters, then the mutex (reverse declaration order).
+// A full key with its hash, computed once per operation and used for the look-ups in both maps.
+struct BoardKey {
+  explicit BoardKey(std::string key) noexcept : text(std::move(key)), hash(std::hash<std::string>()(text)) {}
+
+  std::string text;
+  std::size_t hash;
+};
+
+struct BoardKeyHash {
+  std::size_t operator()(const BoardKey& key) const noexcept { return key.hash; }
+};
+
+struct BoardKeyEqual {
+  bool operator()(const BoardKey& a, const BoardKey& b) const noexcept { return a.hash == b.hash && a.text == b.text; }
+};
+
+// Full key -> a getter (in `getters`) or a subscriber (in `subscribers`) of the key's value type.
+using BoardMap = std::unordered_map<BoardKey, detail::StoredFunction, BoardKeyHash, BoardKeyEqual>;
+
+// The board's record. Destroying it destroys the subscribers, then the getters, then the mutex
+// (reverse declaration order), calling none of the function objects.
 struct BoardData {
   // The board's one lock; not recursive. Held by each topic operation for its map work, and while
-  // getters and initial deliveries run. Ordering with a signal's mutex (vantor/tessel/signal.hpp): a
-  // signal's callback may take this mutex (the signal's mutex is held first); the reverse (taking a
-  // signal's mutex while this one is held) happens only while a contract's constructor subscribes
-  // its own subscribers, when its signals have no callbacks yet.
-  std::mutex mutex;
-  std::unordered_map<std::string, std::any> getters;      // guarded by mutex
-  std::unordered_map<std::string, std::any> subscribers;  // guarded by mutex
-  tessel::detail::LockHolder holder;                      // the thread holding mutex; written only by it
+  // getters, initial deliveries and the destructors of replaced or erased function objects run.
+  // Ordering with a signal's lock (vantor/tessel/signal.hpp): a signal's callback may take this lock
+  // (the signal's lock is held first); the reverse happens only while a contract's constructor
+  // subscribes its own subscribers, when its signals have no callbacks yet.
+  tessel::detail::TrackedMutex mutex{"the message board's lock"};
+  BoardMap getters VANTOR_GUARDED_BY(mutex);
+  BoardMap subscribers VANTOR_GUARDED_BY(mutex);
 };
 
 class VANTOR_MESSAGE_BOARD_API MessageBoard {

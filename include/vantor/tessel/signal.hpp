@@ -7,10 +7,10 @@
 // signal never overlap, and connect() or disconnectAll() on another thread wait for a running one.
 //
 // connect() returns a Connection: a non-owning handle to the slot's two flags (Connection::Status).
-// Setting `blocked` makes deliveries skip the slot; setting `disconnected` makes the next walk of the
-// list (by connect or a delivery) erase it. The signal itself never sets either flag. Dropping a
-// Connection leaves its slot connected; ScopedConnection disconnects when it goes out of scope, and
-// ConnectionBlocker blocks a slot for a scope.
+// A blocked slot is skipped by deliveries; a slot marked disconnected is erased by the next walk of the
+// list (by connect or a delivery). The signal itself never sets either flag. Dropping a Connection
+// leaves its slot connected; ScopedConnection disconnects when it goes out of scope, and
+// ConnectionBlocker blocks a slot for its own lifetime.
 //
 // Threads: every operation of Signal may be called from any thread. Connection, ScopedConnection and
 // ConnectionBlocker objects may be used from any thread, also while the signal emits: the flags are
@@ -18,11 +18,16 @@
 // walk has not yet reached the slot (see deliver()). disconnect() does not wait for a running
 // emission: a slot that is being called when another thread disconnects it finishes its call.
 //
-// Callbacks run while the signal's mutex is held. A callback (and the copy and destruction of a
-// callback object, which also happen under the mutex) must therefore not call connect(), emit() or
-// disconnectAll() on the same signal, nor destroy it. On the same thread such a call throws
-// std::system_error(resource_deadlock_would_occur) and leaves the signal intact; emitting a different
-// signal from a callback is fine.
+// Callbacks run while the signal's mutex is held, and the copy and destruction of callback objects
+// (by connect and by erasure) happen under it too. What a callback may do:
+//  - connect(), emit() or disconnectAll() on its own signal: throws
+//    std::system_error(resource_deadlock_would_occur) naming the operation and the signal's lock, and
+//    leaves the signal intact.
+//  - emit another signal: fine, unless another thread at the same time emits the two in the opposite
+//    order (or a longer ring of signals closes): then the thread that closes the cycle gets the same
+//    std::system_error instead of both threads hanging (see detail/tracked_lock.hpp).
+//  - destroy its own signal, or run any of the above from the destructor of a callback object: the
+//    error is raised inside a destructor, which is noexcept, so the process terminates.
 //
 // Lock order with the message board (vantor/messaging/message_board.hpp): a callback may call board
 // operations, i.e. take the board's mutex while this signal's mutex is held. The reverse order, taking
@@ -34,28 +39,34 @@
 // stop resolving once their slot is erased, and then do nothing.
 
 #include <atomic>
+#include <cstdint>
 #include <functional>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <utility>
 
+#include "vantor/tessel/detail/thread_annotations.hpp"
 #include "vantor/tessel/detail/tracked_lock.hpp"
 
 namespace vantor::tessel {
 
 template <typename... Args>
 class Signal;
-class ScopedConnection;
 class ConnectionBlocker;
 
+namespace detail {
+struct SlotState;
+}
+
 // A handle to one slot. Default-constructed, it refers to no slot. Copies refer to the same slot and
-// compare equal. Every operation acts through the slot's Status and does nothing once the slot has
-// been erased (by a walk after disconnect(), by disconnectAll() or by the signal's destruction).
+// compare equal. Every operation acts through the slot's Status, takes no lock, and does nothing once
+// the slot has been erased (by a walk after disconnect(), by disconnectAll() or by the signal's
+// destruction).
 class Connection {
  public:
-  // The slot's flags. Allocated on its own by connect() and owned only by the slot's list entry, so
-  // erasing the entry frees it at once; Connections hold weak references.
+  // The slot's flags, which the signal reads as it walks its list. Allocated on its own by connect()
+  // and owned only by the slot's list entry, so erasing the entry frees it at once; Connections hold
+  // weak references.
   struct Status {
     std::atomic<bool> blocked{false};       // deliveries skip the slot while set
     std::atomic<bool> disconnected{false};  // the slot is never called again and is erased at the next walk
@@ -65,19 +76,15 @@ class Connection {
 
   Connection() noexcept = default;
 
-  // Marks the slot disconnected. Takes no lock; the signal erases the slot at its next walk.
+  // Marks the slot disconnected; the signal erases it at its next walk.
   void disconnect() const noexcept {
     if (const auto status = status_.lock()) status->disconnected.store(true, std::memory_order_release);
   }
 
-  // Makes deliveries skip the slot until unblock(). Takes no lock.
-  void block() const noexcept {
-    if (const auto status = status_.lock()) status->blocked.store(true, std::memory_order_release);
-  }
-
-  void unblock() const noexcept {
-    if (const auto status = status_.lock()) status->blocked.store(false, std::memory_order_release);
-  }
+  // Makes deliveries skip the slot until unblock(). Blocking is not counted: one unblock() ends any
+  // number of block() calls, but the slot stays blocked while a ConnectionBlocker on it lives.
+  inline void block() const noexcept;
+  inline void unblock() const noexcept;
 
   // True while the slot exists and is not marked disconnected.
   bool connected() const noexcept {
@@ -85,7 +92,7 @@ class Connection {
     return status && !status->disconnected.load(std::memory_order_acquire);
   }
 
-  // True while the slot exists and is blocked.
+  // True while the slot exists and is blocked (by block() or by a living ConnectionBlocker).
   bool blocked() const noexcept {
     const auto status = status_.lock();
     return status && status->blocked.load(std::memory_order_acquire);
@@ -104,8 +111,50 @@ class Connection {
 
   explicit Connection(const std::shared_ptr<Status>& status) noexcept : status_(status) {}
 
+  // Applies `change` to the slot's block count, if the slot still exists; returns whether it did.
+  template <typename Change>
+  bool changeBlocking(Change change) const noexcept;
+
   std::weak_ptr<Status> status_;
 };
+
+namespace detail {
+
+// What connect() allocates for each slot: the Status that the walk reads, followed by the state from
+// which `blocked` is derived. block()/unblock() and ConnectionBlockers change `blocks` from any thread
+// in any order, and the slot is blocked while it is non-zero.
+struct SlotState : Connection::Status {
+  static constexpr std::uint32_t kBlockCalled = 1;  // block() is in force
+  static constexpr std::uint32_t kOneBlocker = 2;   // added per living ConnectionBlocker
+  std::atomic<std::uint32_t> blocks{0};
+};
+
+}  // namespace detail
+
+template <typename Change>
+bool Connection::changeBlocking(Change change) const noexcept {
+  const auto status = status_.lock();
+  if (!status) return false;
+  auto& slot = static_cast<detail::SlotState&>(*status);
+  change(slot.blocks);
+  // Two threads may change `blocks` and store the flag in either order. Each stores the flag derived
+  // from the state it read, then re-reads the state and stores again until the two agree; so the last
+  // store is always derived from the latest state. (A lock per slot was the road not taken: it would
+  // grow every slot and put a lock on the signal's hot path.)
+  for (;;) {
+    const std::uint32_t blocks = slot.blocks.load();
+    slot.blocked.store(blocks != 0);
+    if (slot.blocks.load() == blocks) return true;
+  }
+}
+
+void Connection::block() const noexcept {
+  changeBlocking([](std::atomic<std::uint32_t>& blocks) { blocks.fetch_or(detail::SlotState::kBlockCalled); });
+}
+
+void Connection::unblock() const noexcept {
+  changeBlocking([](std::atomic<std::uint32_t>& blocks) { blocks.fetch_and(~detail::SlotState::kBlockCalled); });
+}
 
 // Owns a connection: disconnects its slot when destroyed or assigned over. Move-only.
 class ScopedConnection {
@@ -135,24 +184,28 @@ class ScopedConnection {
   Connection connection_;
 };
 
-// Blocks a slot for its own lifetime, then restores the blocked state the slot had before.
+// Blocks a slot for its own lifetime. Blockers are counted: with several blockers on one slot, released
+// in any order and on any threads, the slot stays blocked until the last is gone (and after that while
+// block() is in force).
 class ConnectionBlocker {
  public:
   explicit ConnectionBlocker(Connection connection) noexcept
-      : connection_(std::move(connection)), wasBlocked_(exchangeBlocked(true)) {}
+      : connection_(std::move(connection)),
+        counted_(connection_.changeBlocking([](std::atomic<std::uint32_t>& blocks) {
+          blocks.fetch_add(detail::SlotState::kOneBlocker);
+        })) {}
   ConnectionBlocker(const ConnectionBlocker&) = delete;
   ConnectionBlocker& operator=(const ConnectionBlocker&) = delete;
 
-  ~ConnectionBlocker() { exchangeBlocked(wasBlocked_); }
-
- private:
-  bool exchangeBlocked(bool blocked) const noexcept {
-    const auto status = connection_.status_.lock();
-    return status && status->blocked.exchange(blocked, std::memory_order_acq_rel);
+  ~ConnectionBlocker() {
+    if (!counted_) return;
+    connection_.changeBlocking(
+        [](std::atomic<std::uint32_t>& blocks) { blocks.fetch_sub(detail::SlotState::kOneBlocker); });
   }
 
+ private:
   Connection connection_;
-  bool wasBlocked_;
+  bool counted_;  // the slot existed when this blocker was made, so it holds one count
 };
 
 template <typename... Args>
@@ -163,35 +216,46 @@ class Signal {
   // not call).
   using Callback = std::function<void(Args...)>;
 
-  Signal() = default;
+  Signal() noexcept : Signal("a signal's lock") {}
+  // `lockName` (a string literal) names this signal's lock in error messages, e.g. "the secured signal's lock".
+  explicit Signal(const char* lockName) noexcept : mutex_(lockName) {}
   Signal(const Signal&) = delete;
   Signal& operator=(const Signal&) = delete;
   Signal(Signal&&) = delete;
   Signal& operator=(Signal&&) = delete;
 
   // Disconnects every slot (takes the mutex, so waits for a running emission).
-  ~Signal() { disconnectAll(); }
+  ~Signal() { clear("Signal::~Signal"); }
 
   // Appends a copy of `callback` as the last slot, after erasing slots marked disconnected. Takes the
-  // mutex. On failure (allocation, or the callback's copy throws) nothing is appended.
-  // Throws std::system_error(resource_deadlock_would_occur) when called from this signal's callback.
-  Connection connect(const Callback& callback) {
-    detail::TrackedLock lock(mutex_, holder_, "vantor::tessel::Signal::connect", "a signal");
+  // mutex. On failure (allocation, or the callback's copy throws) nothing is appended. Throws
+  // std::system_error(resource_deadlock_would_occur) when called from this signal's callback or when
+  // waiting would close a cycle of threads.
+  Connection connect(const Callback& callback) { return connectAs("Signal::connect", callback); }
+
+  // Takes the mutex and delivers `args` to the live slots (see deliver()). An exception from a callback
+  // ends the delivery and propagates with the mutex released. Throws std::system_error as connect() does.
+  template <typename... A>
+  void emit(A&&... args) {
+    emitAs("Signal::emit", std::forward<A>(args)...);
+  }
+
+  // connect() and emit() for owners that expose the signal through operations of their own: errors
+  // name `operation` (a string literal) instead.
+  Connection connectAs(const char* operation, const Callback& callback) {
+    detail::TrackedLock lock(mutex_, operation);
     for (auto it = slots_.begin(); it != slots_.end();) {
       it = it->second->disconnected.load(std::memory_order_acquire) ? slots_.erase(it) : std::next(it);
     }
     // The Status gets an allocation of its own (not make_shared), so that erasing the entry frees it.
-    std::shared_ptr<Connection::Status> status(new Connection::Status());
+    std::shared_ptr<Connection::Status> status(new detail::SlotState());
     slots_.emplace_back(callback, std::move(status));
     return Connection(slots_.back().second);
   }
 
-  // Takes the mutex and delivers `args` to the live slots (see deliver()). An exception from a callback
-  // ends the delivery and propagates with the mutex released.
-  // Throws std::system_error(resource_deadlock_would_occur) when called from this signal's callback.
   template <typename... A>
-  void emit(A&&... args) {
-    detail::TrackedLock lock(mutex_, holder_, "vantor::tessel::Signal::emit", "a signal");
+  void emitAs(const char* operation, A&&... args) {
+    detail::TrackedLock lock(mutex_, operation);
     deliver(std::forward<A>(args)...);
   }
 
@@ -201,7 +265,7 @@ class Signal {
   // slot (or to entries before it) takes effect at the next delivery. Every slot but the last live one
   // receives copies of `args`; the last receives them forwarded. Allocates nothing.
   template <typename... A>
-  void deliver(A&&... args) {
+  void deliver(A&&... args) VANTOR_REQUIRES(mutex_) {
     auto pending = slots_.end();
     for (auto it = slots_.begin(); it != slots_.end();) {
       const Connection::Status& status = *it->second;
@@ -219,19 +283,21 @@ class Signal {
   }
 
   // Erases every slot without reading flags or invoking callbacks; the signal stays usable. Takes the
-  // mutex. Throws std::system_error(resource_deadlock_would_occur) when called from this signal's
-  // callback.
-  void disconnectAll() {
-    detail::TrackedLock lock(mutex_, holder_, "vantor::tessel::Signal::disconnectAll", "a signal");
-    slots_.clear();
-  }
+  // mutex. Throws std::system_error as connect() does.
+  void disconnectAll() { clear("Signal::disconnectAll"); }
 
  private:
   using Slot = std::pair<Callback, std::shared_ptr<Connection::Status>>;
 
-  std::mutex mutex_;                 // guards slots_ and every read of the slots' flags
-  std::list<Slot> slots_;            // guarded by mutex_; connection order, oldest first
-  detail::LockHolder holder_;        // the thread holding mutex_; written only by it
+  void clear(const char* operation) {
+    detail::TrackedLock lock(mutex_, operation);
+    slots_.clear();
+  }
+
+  // Guards slots_ and every read of the slots' flags. Held while callbacks run, and while callback
+  // objects are copied and destroyed.
+  detail::TrackedMutex mutex_;
+  std::list<Slot> slots_ VANTOR_GUARDED_BY(mutex_);  // connection order, oldest first
 };
 
 }  // namespace vantor::tessel

@@ -1,71 +1,211 @@
 #pragma once
 
-// TrackedLock: a scoped lock on a std::mutex that remembers which thread holds it, so that a thread
-// trying to take the same mutex again gets an exception instead of blocking on itself forever.
+// TrackedMutex and TrackedLock: the library's lock, which turns a wait that could never end into an
+// exception.
 //
-// The board and every signal run user callbacks while their (non-recursive) mutex is held. A callback
-// that calls back into the same object would deadlock its own thread. Both therefore lock through
-// this class, which turns that mistake into std::system_error(resource_deadlock_would_occur), the
-// error the standard mutex itself may report for the same condition.
+// The board and every signal run user callbacks while their (non-recursive) mutex is held. Two kinds
+// of mistake in those callbacks would otherwise freeze threads for good:
+//  - re-entry: a callback calls back into the lock it runs under, so its thread waits for itself;
+//  - a cycle: thread A holds lock 1 and waits for lock 2 while thread B holds lock 2 and waits for
+//    lock 1 (or a longer ring of threads), for example two signals whose callbacks emit each other.
+// A TrackedLock refuses to wait in both cases and throws
+// std::system_error(std::errc::resource_deadlock_would_occur) instead, before blocking, with every lock
+// of the failing operation released by unwinding; the other threads of a cycle then go on. The message
+// names the public operation, the lock it would have waited for and, for a cycle, its length.
 //
-// Cost on the normal path: one std::this_thread::get_id(), one relaxed load and two relaxed stores.
-// A thread_local "locks I hold" set was the road not taken: its storage would exist once per shared
-// object that includes this header (with hidden visibility), and thread_local objects with
-// destructors pin a shared library in memory until the thread ends.
+// How. Each TrackedMutex records the thread that holds it. Uncontended, locking is a try_lock plus two
+// plain stores, as cheap as a std::lock_guard. Only a thread that has to wait enters the process's wait
+// registry: under the registry's own mutex it follows the wait-for chain (the holder of the lock it
+// wants, the lock that holder waits for, that lock's holder, ...). If the chain comes back to itself,
+// waiting would never end and it throws; otherwise it records "I wait for L" and blocks. Records are
+// added and chains are walked under that one mutex, so of the threads that close a cycle, the last to
+// arrive sees every other edge of it: a cycle is never missed, and exactly one thread fails. A chain
+// that is found is real: every thread in it except the caller has recorded a wait and cannot release
+// anything until that wait ends, and the walk is repeated to confirm the holders it read.
+// The road not taken was a lock-free registry, with each waiter publishing its edge (sequentially
+// consistent) and then reading the chain: two threads closing a cycle at the same instant may then
+// both see it, and failing exactly one of them needs a tie-break that can itself miss the cycle.
+//
+// One registry per process. The registry lives in libvantor_message_board, which the dynamic loader
+// maps once per process, so the board, the contract's signals and every signal a host instantiates in
+// its executable or in plugins (RTLD_LOCAL, hidden visibility or -fno-gnu-unique included) share it as
+// long as they link the library. It is a constant-initialised, trivially destructible object, so the
+// library stays unloadable; there is no thread_local state. Code that includes this header without
+// linking the library uses a registry of its own module, and cycles that run through locks of two such
+// registries are not detected. Nor are waits on mutexes that are not TrackedMutexes (a host's own
+// mutex taken inside a callback): such cycles still hang.
+//
+// Lock order: the only permitted nesting is a signal's lock outside the board's (see
+// vantor/messaging/message_board.hpp); any other nesting that closes a cycle at run time fails as above.
 
 #include <atomic>
+#include <cstddef>
 #include <mutex>
 #include <string>
 #include <string_view>
 #include <system_error>
 #include <thread>
 
+#include "vantor/tessel/detail/thread_annotations.hpp"
+
 namespace vantor::tessel::detail {
 
-// The thread that holds the associated mutex, or a default-constructed id while nobody does. Only the
-// holding thread writes it (its own id after locking, the default id before unlocking). A thread that
-// reads its own id therefore already holds the mutex. Relaxed order suffices: a thread always sees its
-// own latest store, and no other thread stores while this one holds the mutex.
-using LockHolder = std::atomic<std::thread::id>;
-static_assert(LockHolder::is_always_lock_free, "the holder check must not take a lock itself");
+class TrackedMutex;
+class TrackedLock;
 
-// Raises the self-deadlock error; kept out of line of the callers' hot paths.
-[[noreturn]] inline void throwWouldDeadlock(std::string_view operation, std::string_view subject) {
-  std::string message;
-  message.reserve(operation.size() + subject.size() + 96);
-  message.append(operation).append(" on ").append(subject).append(
-      ": this thread already holds that lock (called from a callback that runs under it)");
-  throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur), message);
+// A thread that waits, or is about to wait, for `waitsFor`. Lives on that thread's stack for the
+// duration of the wait.
+struct WaitRecord {
+  std::thread::id thread;
+  const TrackedMutex* waitsFor;
+  WaitRecord* next;
+};
+
+struct WaitRegistry {
+  std::mutex mutex;
+  WaitRecord* waiting = nullptr;  // guarded by mutex: every thread blocked on a TrackedMutex
+};
+
+// The process's registry, defined by libvantor_message_board. Weak, so that code using the header
+// without the library still links (and then falls back to a registry of its own module).
+__attribute__((weak, visibility("default"))) WaitRegistry* processWaitRegistry() noexcept;
+
+inline WaitRegistry& waitRegistry() noexcept {
+  if (&processWaitRegistry != nullptr) return *processWaitRegistry();
+  static WaitRegistry ownModule;
+  return ownModule;
 }
 
-class TrackedLock {
+// A non-recursive mutex that knows its holder and its name. Locked only through TrackedLock.
+class VANTOR_CAPABILITY("mutex") TrackedMutex {
  public:
-  // Locks `mutex`. Throws std::system_error(resource_deadlock_would_occur), naming `operation` and
-  // `subject`, if the calling thread already holds it; the mutex is then left untouched.
-  TrackedLock(std::mutex& mutex, LockHolder& holder, std::string_view operation, std::string_view subject)
-      : mutex_(mutex), holder_(holder) {
+  // `name` describes the lock in error messages ("the message board's lock"); it must outlive the mutex.
+  explicit TrackedMutex(const char* name) noexcept : name_(name) {}
+  TrackedMutex(const TrackedMutex&) = delete;
+  TrackedMutex& operator=(const TrackedMutex&) = delete;
+
+  const char* name() const noexcept { return name_; }
+
+  // The thread that holds the mutex, or a default-constructed id while none does (a snapshot).
+  std::thread::id holder() const noexcept { return holder_.load(std::memory_order_acquire); }
+
+ private:
+  friend class TrackedLock;
+
+  std::mutex mutex_;
+  // Written only by the thread that holds mutex_: its id right after locking, the default id right
+  // before unlocking. A thread that reads its own id therefore holds the mutex. Other threads read it
+  // only while walking a wait-for chain under the registry's mutex.
+  std::atomic<std::thread::id> holder_{std::thread::id()};
+  const char* holderOperation_ = nullptr;  // the operation that took the lock; used only by its holder
+  const char* name_;
+};
+static_assert(std::atomic<std::thread::id>::is_always_lock_free, "the holder check must not take a lock itself");
+
+// Locks a TrackedMutex for a scope. `operation` (a string literal) names the public operation that
+// takes the lock, `subject` optionally what it works on (a board key); both appear in errors.
+class VANTOR_SCOPED_CAPABILITY TrackedLock {
+ public:
+  // Throws std::system_error(resource_deadlock_would_occur), leaving `mutex` untouched, when the
+  // calling thread already holds `mutex` or when waiting for it would close a cycle of waiting threads.
+  TrackedLock(TrackedMutex& mutex, const char* operation, std::string_view subject = {}) VANTOR_ACQUIRE(mutex)
+      : mutex_(mutex) {
     const std::thread::id self = std::this_thread::get_id();
-    if (holder_.load(std::memory_order_relaxed) == self) throwWouldDeadlock(operation, subject);
-    mutex_.lock();
-    holder_.store(self, std::memory_order_relaxed);
+    if (mutex.holder_.load(std::memory_order_relaxed) == self) throwReentry(mutex, operation, subject);
+    if (!mutex.mutex_.try_lock()) waitFor(mutex, self, operation, subject);
+    mutex.holder_.store(self, std::memory_order_relaxed);
+    mutex.holderOperation_ = operation;
   }
 
   TrackedLock(const TrackedLock&) = delete;
   TrackedLock& operator=(const TrackedLock&) = delete;
 
-  ~TrackedLock() { unlock(); }
+  ~TrackedLock() VANTOR_RELEASE() { unlock(); }
 
   // Releases the mutex early; the destructor then does nothing.
-  void unlock() noexcept {
+  void unlock() noexcept VANTOR_RELEASE() {
     if (!owns_) return;
     owns_ = false;
-    holder_.store(std::thread::id(), std::memory_order_relaxed);
-    mutex_.unlock();
+    mutex_.holder_.store(std::thread::id(), std::memory_order_relaxed);
+    mutex_.mutex_.unlock();
   }
 
  private:
-  std::mutex& mutex_;
-  LockHolder& holder_;
+  // The slow path: `mutex` is held by another thread.
+  [[gnu::noinline]] static void waitFor(TrackedMutex& mutex, std::thread::id self, const char* operation,
+                                        std::string_view subject) {
+    WaitRegistry& registry = waitRegistry();
+    WaitRecord record{self, &mutex, nullptr};
+    std::size_t cycle = 0;
+    {
+      std::lock_guard<std::mutex> guard(registry.mutex);
+      // Holders are read without their mutexes: the second walk must confirm what the first found.
+      cycle = cycleThrough(registry, mutex, self);
+      if (cycle != 0 && cycleThrough(registry, mutex, self) != cycle) cycle = 0;
+      if (cycle == 0) {
+        record.next = registry.waiting;
+        registry.waiting = &record;
+      }
+    }
+    if (cycle != 0) throwCycle(mutex, operation, subject, cycle);
+
+    struct Unregister {
+      WaitRegistry& registry;
+      WaitRecord& record;
+      ~Unregister() {
+        std::lock_guard<std::mutex> guard(registry.mutex);
+        WaitRecord** link = &registry.waiting;
+        while (*link != &record) link = &(*link)->next;
+        *link = record.next;
+      }
+    } unregister{registry, record};
+    mutex.mutex_.lock();
+  }
+
+  // The number of threads in the cycle that waiting for `wanted` would close, or 0 when the chain from
+  // `wanted` ends at a free lock or at a holder that does not wait. Caller holds registry.mutex.
+  static std::size_t cycleThrough(const WaitRegistry& registry, const TrackedMutex& wanted, std::thread::id self) {
+    std::size_t waiting = 0;
+    for (const WaitRecord* record = registry.waiting; record != nullptr; record = record->next) ++waiting;
+    const TrackedMutex* lock = &wanted;
+    for (std::size_t length = 1; length <= waiting + 1; ++length) {
+      const std::thread::id holder = lock->holder_.load(std::memory_order_acquire);
+      if (holder == self) return length;
+      if (holder == std::thread::id()) return 0;
+      const WaitRecord* edge = registry.waiting;
+      while (edge != nullptr && edge->thread != holder) edge = edge->next;
+      if (edge == nullptr) return 0;
+      lock = edge->waitsFor;
+    }
+    return 0;  // a chain that loops without reaching this thread: not ours to break
+  }
+
+  static std::string describe(const char* operation, std::string_view subject, const TrackedMutex& mutex) {
+    std::string message(operation);
+    if (!subject.empty()) message.append(" on \"").append(subject).append("\"");
+    return message.append(" would wait for ").append(mutex.name());
+  }
+
+  [[noreturn, gnu::noinline]] static void throwReentry(const TrackedMutex& mutex, const char* operation,
+                                                       std::string_view subject) {
+    std::string message = describe(operation, subject, mutex);
+    message.append(", which this thread already holds in ")
+        .append(mutex.holderOperation_ != nullptr ? mutex.holderOperation_ : "another operation")
+        .append(" (a callback that runs under that lock called back into it)");
+    throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur), message);
+  }
+
+  [[noreturn, gnu::noinline]] static void throwCycle(const TrackedMutex& mutex, const char* operation,
+                                                     std::string_view subject, std::size_t threads) {
+    std::string message = describe(operation, subject, mutex);
+    message.append(", whose holder waits, through a cycle of ")
+        .append(std::to_string(threads))
+        .append(" threads, for a lock this thread holds: the wait could never end, so this call fails and "
+                "the other threads go on");
+    throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur), message);
+  }
+
+  TrackedMutex& mutex_;
   bool owns_ = true;
 };
 

@@ -1,0 +1,191 @@
+#pragma once
+
+// The form in which the board stores getters and subscribers: a type-erased function object of one
+// value type T, copyable, possibly empty, kept in place inside the map's node.
+//
+// Why not std::any holding a std::function: std::any's one-pointer buffer put every std::function on
+// the heap, so each publication allocated, and std::any compares types by the address of a per-module
+// function (falling back to typeid only with RTTI), so a host built with -fno-rtti that instantiated
+// the same templates made the library's own keys look mistyped. Here the buffer holds a std::function
+// in place, and the value type is identified by its name as the compiler spells it, compared by
+// address first and by text when the two sides come from different modules.
+
+#include <cstddef>
+#include <functional>
+#include <new>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+
+namespace vantor::messaging::detail {
+
+// The identity of a value type T: its name, taken from the signature of a function template (RTTI-free).
+struct TypeKey {
+  std::string_view name;
+};
+
+template <typename T>
+constexpr std::string_view signatureOf() {
+  return __PRETTY_FUNCTION__;  // "... signatureOf() [with T = bool]" (g++) or "... [T = bool]" (clang)
+}
+
+template <typename T>
+constexpr std::string_view typeNameOf() {
+  constexpr std::string_view signature = signatureOf<T>();
+  constexpr std::size_t start = signature.find("T = ") + 4;
+  return signature.substr(start, signature.rfind(']') - start);
+}
+
+template <typename T>
+inline constexpr TypeKey typeKeyOf{typeNameOf<T>()};
+
+inline bool sameType(const TypeKey& a, const TypeKey& b) noexcept { return &a == &b || a.name == b.name; }
+
+class StoredFunction {
+ public:
+  StoredFunction() noexcept = default;
+
+  // A getter of T: holds a copy of `function`, a callable returning T (a std::function in practice).
+  template <typename T, typename F>
+  static StoredFunction getter(const F& function) {
+    return StoredFunction(typeKeyOf<T>, function, &callGetter<T, F>);
+  }
+
+  // A subscriber of T: holds a copy of `function`, a callable taking const T& (or T by value).
+  template <typename T, typename F>
+  static StoredFunction subscriber(const F& function) {
+    return StoredFunction(typeKeyOf<T>, function, &callSubscriber<T, F>);
+  }
+
+  StoredFunction(const StoredFunction& other) : type_(other.type_), ops_(other.ops_), invoke_(other.invoke_) {
+    if (ops_ != nullptr) ops_->copy(other.buffer_, buffer_);
+  }
+  StoredFunction(StoredFunction&& other) noexcept : type_(other.type_), ops_(other.ops_), invoke_(other.invoke_) {
+    if (ops_ != nullptr) ops_->move(other.buffer_, buffer_);
+  }
+  // Replaces the held function; the previous one is destroyed here. Never allocates.
+  StoredFunction& operator=(StoredFunction&& other) noexcept {
+    if (this != &other) {
+      reset();
+      type_ = other.type_;
+      ops_ = other.ops_;
+      invoke_ = other.invoke_;
+      if (ops_ != nullptr) ops_->move(other.buffer_, buffer_);
+    }
+    return *this;
+  }
+  StoredFunction& operator=(const StoredFunction&) = delete;
+  ~StoredFunction() { reset(); }
+
+  // The value type the function was stored for.
+  const TypeKey& type() const noexcept { return *type_; }
+
+  // True when the held function has no target (an empty std::function was stored).
+  bool empty() const noexcept { return ops_ == nullptr || ops_->empty(buffer_); }
+
+  // Calls a getter of T (whose type the caller has checked). std::bad_function_call when empty.
+  template <typename T>
+  T get() const {
+    return reinterpret_cast<T (*)(const void*)>(invoke_)(buffer_);
+  }
+
+  // Calls a subscriber of T (whose type the caller has checked). std::bad_function_call when empty.
+  template <typename T>
+  void deliver(const T& value) const {
+    reinterpret_cast<void (*)(const void*, const T&)>(invoke_)(buffer_, value);
+  }
+
+ private:
+  // Room for a std::function in place; larger callables go to the heap.
+  static constexpr std::size_t kSize = sizeof(std::function<void()>);
+  static constexpr std::size_t kAlign = alignof(std::function<void()>);
+
+  template <typename F>
+  static constexpr bool kInPlace =
+      sizeof(F) <= kSize && alignof(F) <= kAlign && std::is_nothrow_move_constructible_v<F>;
+
+  struct Ops {
+    void (*copy)(const void* from, void* to);
+    void (*move)(void* from, void* to) noexcept;  // moves into `to` and destroys `from`
+    void (*destroy)(void* self) noexcept;
+    bool (*empty)(const void* self) noexcept;
+  };
+
+  template <typename F>
+  static const F& target(const void* buffer) noexcept {
+    if constexpr (kInPlace<F>) {
+      return *std::launder(static_cast<const F*>(buffer));
+    } else {
+      return **static_cast<F* const*>(buffer);
+    }
+  }
+
+  template <typename F>
+  static bool isEmpty(const F& function) noexcept {
+    if constexpr (std::is_constructible_v<bool, const F&>) {
+      return !static_cast<bool>(function);
+    } else {
+      return false;
+    }
+  }
+
+  template <typename F>
+  static constexpr Ops kOps{
+      [](const void* from, void* to) {
+        if constexpr (kInPlace<F>) {
+          ::new (to) F(target<F>(from));
+        } else {
+          *static_cast<F**>(to) = new F(target<F>(from));
+        }
+      },
+      [](void* from, void* to) noexcept {
+        if constexpr (kInPlace<F>) {
+          F& source = *std::launder(static_cast<F*>(from));
+          ::new (to) F(std::move(source));
+          source.~F();
+        } else {
+          *static_cast<F**>(to) = *static_cast<F**>(from);
+        }
+      },
+      [](void* self) noexcept {
+        if constexpr (kInPlace<F>) {
+          std::launder(static_cast<F*>(self))->~F();
+        } else {
+          delete *static_cast<F**>(self);
+        }
+      },
+      [](const void* self) noexcept { return isEmpty(target<F>(self)); }};
+
+  template <typename T, typename F>
+  static T callGetter(const void* buffer) {
+    return target<F>(buffer)();
+  }
+
+  template <typename T, typename F>
+  static void callSubscriber(const void* buffer, const T& value) {
+    target<F>(buffer)(value);
+  }
+
+  template <typename F, typename Invoke>
+  StoredFunction(const TypeKey& type, const F& function, Invoke invoke)
+      : type_(&type), invoke_(reinterpret_cast<void (*)()>(invoke)) {
+    if constexpr (kInPlace<F>) {
+      ::new (static_cast<void*>(buffer_)) F(function);
+    } else {
+      *reinterpret_cast<F**>(buffer_) = new F(function);
+    }
+    ops_ = &kOps<F>;
+  }
+
+  void reset() noexcept {
+    if (ops_ != nullptr) ops_->destroy(buffer_);
+    ops_ = nullptr;
+  }
+
+  const TypeKey* type_ = nullptr;
+  const Ops* ops_ = nullptr;    // how to copy, move, destroy and test the held function; null when none
+  void (*invoke_)() = nullptr;  // callGetter<T, F> or callSubscriber<T, F>, cast back by get/deliver
+  alignas(kAlign) unsigned char buffer_[kSize];
+};
+
+}  // namespace vantor::messaging::detail
