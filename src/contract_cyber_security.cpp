@@ -31,24 +31,6 @@ constexpr const char* kUpdateSecured = "CyberSecurityContract::updateSecured";
 constexpr const char* kUpdateAboutNewCreds = "CyberSecurityContract::updateAboutNewCreds";
 constexpr const char* kUpdateSecurityToken = "CyberSecurityContract::updateSecurityToken";
 
-// Copies a member guarded by `mutex`. Only pointers and the port list are copied under it, never a
-// host callable, so no host code runs under the lock.
-template <typename T>
-T copyGuarded(tessel::detail::TrackedMutex& mutex, const T& member, const char* operation) {
-  tessel::detail::TrackedLock lock(mutex, operation);
-  return member;
-}
-
-// Swaps `replacement` into a member guarded by `mutex`. The previous value is destroyed when
-// `replacement` goes out of scope, after the lock is released.
-template <typename T>
-void replaceGuarded(tessel::detail::TrackedMutex& mutex, T& member, T replacement, const char* operation) {
-  {
-    tessel::detail::TrackedLock lock(mutex, operation);
-    std::swap(member, replacement);
-  }
-}
-
 void wipe(CyberSecurityContract::OptionalToken& token) noexcept {
   if (token) explicit_bzero(token->data(), token->size());
 }
@@ -158,7 +140,12 @@ void CyberSecurityContract::updateIpAllPortsAllowed(const std::string& address, 
   publish<bool>(addressKey(address), Getter<bool>([allowed] { return allowed; }), kOperation);
   // The walk covers the list as it is now, on a copy: replacing the list meanwhile (from another
   // thread or from a callback of this walk) changes nothing for it.
-  for (const int port : copyGuarded(mutex_, tcpPorts_, kOperation)) {
+  std::vector<int> ports;
+  {
+    tessel::detail::TrackedLock lock(mutex_, kOperation);
+    ports = tcpPorts_;
+  }
+  for (const int port : ports) {
     publish<bool>(portKey(address, port), Getter<bool>([allowed] { return allowed; }), kOperation);
   }
 }
@@ -178,21 +165,30 @@ bool CyberSecurityContract::isIpSecured(const std::string& address) {
   return read<bool>(addressKey(address), "CyberSecurityContract::isIpSecured").value_or(false);
 }
 
+// Under mutex_ only shared pointers and the port list are copied or swapped, never a host callable: a
+// hook is called, and a replaced one destroyed, after the lock is released.
+
 Logger& CyberSecurityContract::userActivityLogger() {
-  const auto logger = copyGuarded(mutex_, userActivityLogger_, "CyberSecurityContract::userActivityLogger");
+  std::shared_ptr<const LoggerHook> logger;
+  {
+    tessel::detail::TrackedLock lock(mutex_, "CyberSecurityContract::userActivityLogger");
+    logger = userActivityLogger_;
+  }
   if (!logger) throw std::bad_function_call();
-  return (*logger)();  // std::bad_function_call for a hook set empty
+  return (*logger)();
 }
 
 void CyberSecurityContract::setUserActivityLogger(const LoggerHook& logger) {
-  replaceGuarded(mutex_, userActivityLogger_, logger ? std::make_shared<const LoggerHook>(logger) : nullptr,
-                 "CyberSecurityContract::setUserActivityLogger");
-}
+  std::shared_ptr<const LoggerHook> replacement = logger ? std::make_shared<const LoggerHook>(logger) : nullptr;
+  tessel::detail::TrackedLock lock(mutex_, "CyberSecurityContract::setUserActivityLogger");
+  userActivityLogger_.swap(replacement);
+}  // `lock` goes first: the previous hook, now in `replacement`, is destroyed outside it
 
 void CyberSecurityContract::setRegisterConnectionCallback(const ConnectionCallback& callback) {
-  replaceGuarded(mutex_, registerConnectionCallback_,
-                 callback ? std::make_shared<const ConnectionCallback>(callback) : nullptr,
-                 "CyberSecurityContract::setRegisterConnectionCallback");
+  std::shared_ptr<const ConnectionCallback> replacement =
+      callback ? std::make_shared<const ConnectionCallback>(callback) : nullptr;
+  tessel::detail::TrackedLock lock(mutex_, "CyberSecurityContract::setRegisterConnectionCallback");
+  registerConnectionCallback_.swap(replacement);
 }
 
 void CyberSecurityContract::setRegisterConnectonCallback(const ConnectionCallback& callback) {
@@ -200,15 +196,18 @@ void CyberSecurityContract::setRegisterConnectonCallback(const ConnectionCallbac
 }
 
 void CyberSecurityContract::registerConnection(const std::string& address, int port, bool allowed) {
-  const auto callback =
-      copyGuarded(mutex_, registerConnectionCallback_, "CyberSecurityContract::registerConnection");
+  std::shared_ptr<const ConnectionCallback> callback;
+  {
+    tessel::detail::TrackedLock lock(mutex_, "CyberSecurityContract::registerConnection");
+    callback = registerConnectionCallback_;
+  }
   if (callback) (*callback)(address, port, allowed);
 }
 
 void CyberSecurityContract::setTcpPortsVector(std::vector<int>&& ports) {
-  // Copied, not moved: the caller keeps its list.
-  replaceGuarded(mutex_, tcpPorts_, std::vector<int>(ports.begin(), ports.end()),
-                 "CyberSecurityContract::setTcpPortsVector");
+  std::vector<int> replacement(ports.begin(), ports.end());  // copied, not moved: the caller keeps its list
+  tessel::detail::TrackedLock lock(mutex_, "CyberSecurityContract::setTcpPortsVector");
+  tcpPorts_.swap(replacement);
 }
 
 }  // namespace vantor::messaging
