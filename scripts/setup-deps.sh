@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Installs what building, testing and benchmarking the library needs (Debian 12), and nothing when it
-# is all there already. Run as root, or with sudo available.
+# Installs what building, testing, benchmarking, packaging, documenting and linting the library needs
+# (Debian 12), and nothing when it is all there already. Run as root, or with sudo available.
 set -euo pipefail
 
 packages=(
@@ -8,6 +8,10 @@ packages=(
   libboost-dev                                       # boost::optional (and Boost.Signals2 for the benchmark)
   libgtest-dev libgmock-dev libbenchmark-dev         # tests and benchmarks
   binutils pkgconf                                   # nm/readelf and pkg-config for the artefact checks
+  dpkg-dev file lintian                              # scripts/package.sh: CPack's dpkg-shlibdeps, checks
+  abigail-tools                                      # scripts/check-abi.sh: abidw, abidiff
+  doxygen                                            # scripts/docs.sh: the API reference
+  clang-format clang-tidy                            # scripts/lint.sh
 )
 
 missing=()

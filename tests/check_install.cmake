@@ -39,5 +39,14 @@ if(NOT rc EQUAL 0)
   message(FATAL_ERROR "pkg-config does not know vantor_message_board")
 endif()
 separate_arguments(flags UNIX_COMMAND "${flags}")
-run(${CXX} ${SOURCE_DIR}/consumer.cpp ${flags} -Wl,-rpath,${libdir} -o ${WORK_DIR}/consumer_pc)
+# The prefix must be the one installed into, as a plain absolute path that other tools can use.
+execute_process(COMMAND pkg-config --variable=prefix vantor_message_board OUTPUT_VARIABLE pc_prefix
+                OUTPUT_STRIP_TRAILING_WHITESPACE)
+if(NOT pc_prefix STREQUAL prefix)
+  message(FATAL_ERROR "pkg-config reports prefix '${pc_prefix}', installed into '${prefix}'")
+endif()
+execute_process(COMMAND pkg-config --modversion vantor_message_board OUTPUT_VARIABLE version
+                OUTPUT_STRIP_TRAILING_WHITESPACE)
+run(${CXX} -std=c++17 ${SOURCE_DIR}/consumer.cpp ${flags} "-DVANTOR_CONSUMER_EXPECTED_VERSION=\"${version}\""
+    -Wl,-rpath,${libdir} -o ${WORK_DIR}/consumer_pc)
 run(${WORK_DIR}/consumer_pc)

@@ -1,8 +1,17 @@
 // A program outside the project that uses the installed library as a host would.
+// VANTOR_CONSUMER_EXPECTED_VERSION is the version that its build found (find_package or pkg-config).
 #include <vantor/messaging/contract.hpp>
 #include <vantor/messaging/contract_cyber_security.hpp>
+#include <vantor/messaging/version.hpp>
 
 #include <cstdio>
+#include <string_view>
+
+static_assert(std::string_view(VANTOR_MESSAGE_BOARD_VERSION) == VANTOR_CONSUMER_EXPECTED_VERSION,
+              "the installed version header disagrees with the version the build system found");
+static_assert(vantor::messaging::abiVersion == VANTOR_MESSAGE_BOARD_VERSION_MAJOR &&
+                  vantor::messaging::version == VANTOR_MESSAGE_BOARD_VERSION,
+              "the version constants disagree with the version macros");
 
 namespace {
 
