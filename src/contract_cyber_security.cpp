@@ -1,6 +1,6 @@
 #include "vantor/messaging/contract_cyber_security.hpp"
 
-#include <string.h>  // explicit_bzero
+#include <string.h>  // explicit_bzero  NOLINT(modernize-deprecated-headers)
 
 #include <charconv>
 #include <utility>

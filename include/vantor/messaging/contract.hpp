@@ -41,7 +41,7 @@
 #include <type_traits>
 #include <utility>
 
-#include <string.h>  // explicit_bzero
+#include <string.h>  // explicit_bzero  NOLINT(modernize-deprecated-headers)
 
 #include <boost/optional.hpp>
 
@@ -97,7 +97,7 @@ class VANTOR_MESSAGE_BOARD_API Contract {
   // Purges the contract's keys if purgeOnDestroy was set (takes the board lock). Must not run
   // concurrently with an operation on the contract's keys, nor from a callback under the board lock
   // (that error would leave a destructor and terminate the process).
-  virtual ~Contract();
+  virtual ~Contract();  // NOLINT(bugprone-exception-escape)
 
  protected:
   // Binds to MessageBoard::instance_; stores nothing on the board.

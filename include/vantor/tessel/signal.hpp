@@ -224,8 +224,10 @@ class Signal {
   Signal(Signal&&) = delete;
   Signal& operator=(Signal&&) = delete;
 
-  // Disconnects every slot (takes the mutex, so waits for a running emission).
-  ~Signal() { clear("Signal::~Signal"); }
+  // Disconnects every slot (takes the mutex, so waits for a running emission). Destroying a signal
+  // from its own callback, or where the wait would close a lock cycle, raises inside this destructor
+  // and so terminates the process, as the header comment says.
+  ~Signal() { clear("Signal::~Signal"); }  // NOLINT(bugprone-exception-escape)
 
   // Appends a copy of `callback` as the last slot, after erasing slots marked disconnected. Takes the
   // mutex. On failure (allocation, or the callback's copy throws) nothing is appended. Throws
