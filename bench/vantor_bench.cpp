@@ -12,7 +12,8 @@
 //   --ratios_out=FILE   also write the ratio table as tab-separated lines (section, label, value,
 //                       target, verdict, note), for scripts/bench.sh
 // Colour is off unless stdout is a terminal (--benchmark_color=true forces it). With
-// --benchmark_repetitions the ratios use the medians.
+// --benchmark_repetitions the ratios use the medians. The exit status is 1 when a benchmark reported
+// an error.
 
 #include <benchmark/benchmark.h>
 #include <unistd.h>
@@ -71,8 +72,11 @@ double nanosecondsPerUnit(benchmark::TimeUnit unit) {
   return 1.0;
 }
 
-// The console table, plus the real time per iteration of every run that completed, by name: the
-// median when repetitions produce one, otherwise the latest run.
+// The console table, plus the time per iteration of every run that completed, by name: the median
+// when repetitions produce one, otherwise the latest run. Single-threaded cases count the CPU time of
+// their thread: on a shared machine the scheduler sometimes runs another process instead, which
+// inflates wall time but not CPU time. Cases that use real time (the multi-threaded ones, whose
+// threads sleep while they wait for a lock) count wall time.
 class RatioReporter : public benchmark::ConsoleReporter {
  public:
   explicit RatioReporter(OutputOptions options) : ConsoleReporter(options) {}
@@ -99,9 +103,14 @@ class RatioReporter : public benchmark::ConsoleReporter {
 
   void ReportRuns(const std::vector<Run>& runs) override {
     for (const Run& run : runs) {
-      if (run.error_occurred) continue;
+      if (run.error_occurred) {
+        ++errors_;
+        continue;
+      }
       const std::string name = run.run_name.str();
-      const double nanoseconds = run.GetAdjustedRealTime() * nanosecondsPerUnit(run.time_unit);
+      const bool wallClock = run.run_name.time_type == "real_time";
+      const double nanoseconds =
+          (wallClock ? run.GetAdjustedRealTime() : run.GetAdjustedCPUTime()) * nanosecondsPerUnit(run.time_unit);
       if (run.run_type == Run::RT_Aggregate) {
         if (run.aggregate_name == "median") medians_[name] = nanoseconds;
       } else {
@@ -120,7 +129,11 @@ class RatioReporter : public benchmark::ConsoleReporter {
     return NAN;
   }
 
+  // Runs that ended in an error (Google Benchmark prints each one in the table).
+  int errors() const { return errors_; }
+
  private:
+  int errors_ = 0;
   std::map<std::string, double> medians_;
   std::map<std::string, double> latest_;
 };
@@ -246,5 +259,9 @@ int main(int argc, char** argv) {
   std::cout.flush();
   if (!listOnly) printRatios(reporter, tsv.is_open() ? &tsv : nullptr);
   benchmark::Shutdown();
+  if (reporter.errors() > 0) {
+    std::fprintf(stderr, "vantor_bench: %d benchmark run(s) ended in an error (see the table)\n", reporter.errors());
+    return 1;
+  }
   return 0;
 }
