@@ -19,6 +19,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -164,17 +165,35 @@ class Scene {
   void publishPair(const std::string& address, int port) {
     board.updateIpPortAllowed(address, port, true);
     floor.store(portKey(address, port), Answer{&count_});
+    pairs_.emplace(address, port);
   }
 
   void listenToPair(const std::string& address, int port) {
     board.subscribeToIpPortAllowed(address, port, callback_);
     floor.store(portKey(address, port), Answer{&count_});
+    pairs_.emplace(address, port);
   }
 
   void publishAllPorts(const std::string& address) {
     board.updateIpAllPortsAllowed(address, true);
     floor.store(addressKey(address), Answer{&count_});
-    for (const int port : kDefaultPorts) floor.store(portKey(address, port), Answer{&count_});
+    for (const int port : kDefaultPorts) {
+      floor.store(portKey(address, port), Answer{&count_});
+      pairs_.emplace(address, port);
+    }
+  }
+
+  // Withdraws every pair the cases published or listened to, from the board and the floor's map, and
+  // the floor's signal-fed keys, so that a scale case counts only its own keys beside the other keys.
+  // (The board keeps its address keys and the secured flag: the contract cannot withdraw them.) Cases
+  // that need a pair or a key store it again in their setup.
+  void withdrawCasePairs() {
+    for (const auto& [address, port] : pairs_) {
+      board.unsubscribeFromIpPortAllowed(address, port);
+      floor.erase(portKey(address, port));
+    }
+    pairs_.clear();
+    for (const auto& fanOut : fanOuts_) floor.erase(fanOut.first);
   }
 
   void secure() {
@@ -210,6 +229,7 @@ class Scene {
   long count_ = 0;
   FlagCallback callback_;
   std::map<std::string, std::vector<FlagCallback>> fanOuts_;  // a map keeps each list where it is
+  std::set<std::pair<std::string, int>> pairs_;  // published or listened to by the cases
   std::size_t others_ = 0;
   std::size_t largestMeasuredGrowth_ = 0;
   std::size_t securedCallbacks_ = 0;
@@ -261,9 +281,11 @@ void updateSecuredCases(std::size_t callbacks, const std::string& section) {
 }
 
 // Registers "<group>/updateIpPortAllowed/vantor<suffix>" and its floor; returns the two names.
+// With `alone`, the setup first withdraws the pairs other cases left on the board.
 std::pair<std::string, std::string> updateIpPortAllowedCases(const std::string& group, const std::string& suffix,
-                                                             std::size_t otherKeys) {
-  const auto setup = [](Scene& scene) -> const char* {
+                                                             std::size_t otherKeys, bool alone) {
+  const auto setup = [alone](Scene& scene) -> const char* {
+    if (alone) scene.withdrawCasePairs();
     scene.publishPair(kPlainAddress, kPort);
     return nullptr;
   };
@@ -279,8 +301,9 @@ std::pair<std::string, std::string> updateIpPortAllowedCases(const std::string& 
 
 // Registers "<group>/isIpSecured/vantor<suffix>" and its floor; returns the two names.
 std::pair<std::string, std::string> isIpSecuredCases(const std::string& group, const std::string& suffix,
-                                                     std::size_t otherKeys) {
-  const auto setup = [](Scene& scene) -> const char* {
+                                                     std::size_t otherKeys, bool alone) {
+  const auto setup = [alone](Scene& scene) -> const char* {
+    if (alone) scene.withdrawCasePairs();
     scene.secure();
     scene.publishAllPorts(kQueriedAddress);
     return nullptr;
@@ -304,7 +327,7 @@ void registerBoardBenchmarks() {
   updateSecuredCases(8, section);
 
   {
-    const auto names = updateIpPortAllowedCases("board", "", kHostKeys);
+    const auto names = updateIpPortAllowedCases("board", "", kHostKeys, false);
     addRoundTripRatio(section, "updateIpPortAllowed", names.first, names.second);
   }
 
@@ -335,7 +358,7 @@ void registerBoardBenchmarks() {
   }
 
   {
-    const auto names = isIpSecuredCases("board", "", kHostKeys);
+    const auto names = isIpSecuredCases("board", "", kHostKeys, false);
     addRoundTripRatio(section, "isIpSecured (secured)", names.first, names.second);
   }
 
@@ -379,7 +402,10 @@ void registerBoardBenchmarks() {
 void registerContentionBenchmarks() {
   const auto publish = [](benchmark::State& state, bool sameKey) {
     Scene& scene = Scene::instance();
-    if (state.thread_index() == 0) scene.setOtherKeys(kHostKeys);  // the others wait at the loop's start
+    if (state.thread_index() == 0) {  // the other thread waits at the start of the loop
+      scene.setOtherKeys(kHostKeys);
+      for (const std::string& address : kContendedAddresses) scene.publishPair(address, kPort);
+    }
     const std::string& address = kContendedAddresses[sameKey ? 0 : static_cast<std::size_t>(state.thread_index())];
     for (auto _ : state) scene.board.updateIpPortAllowed(address, kPort, true);
   };
@@ -407,8 +433,8 @@ void registerScaleBenchmarks() {
   std::map<std::string, std::map<std::size_t, std::pair<std::string, std::string>>> names;  // case, keys
   for (const std::size_t keys : kScaleKeys) {
     const std::string suffix = "/" + std::to_string(keys);
-    names["updateIpPortAllowed"][keys] = updateIpPortAllowedCases("scale", suffix, keys);
-    names["isIpSecured"][keys] = isIpSecuredCases("scale", suffix, keys);
+    names["updateIpPortAllowed"][keys] = updateIpPortAllowedCases("scale", suffix, keys, true);
+    names["isIpSecured"][keys] = isIpSecuredCases("scale", suffix, keys, true);
   }
 
   const std::string section = "Scale (other keys on the board, and in the floor's map)";
