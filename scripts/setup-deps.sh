@@ -7,6 +7,8 @@ packages=(
   cmake ninja-build g++ clang libclang-rt-14-dev   # toolchains; clang's sanitizer runtimes
   libboost-dev                                       # boost::optional (and Boost.Signals2 for the benchmark)
   libgtest-dev libgmock-dev libbenchmark-dev         # tests and benchmarks
+  libsigc++-3.0-dev                                  # a second signal library the benchmark compares with
+  gnuplot-nox python3                                # scripts/bench.sh: charts and the report
   binutils pkgconf                                   # nm/readelf and pkg-config for the artefact checks
   dpkg-dev file lintian                              # scripts/package.sh: CPack's dpkg-shlibdeps, checks
   abigail-tools                                      # scripts/check-abi.sh: abidw, abidiff

@@ -1,0 +1,106 @@
+#include "bench_support.hpp"
+
+#include <malloc.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <new>
+#include <utility>
+
+namespace vantor_bench {
+namespace {
+
+std::atomic<bool> counting{false};
+std::atomic<long long> netBytes{0};
+
+void* allocate(std::size_t size) {
+  if (size == 0) size = 1;
+  for (;;) {
+    if (void* block = std::malloc(size)) {
+      if (counting.load(std::memory_order_relaxed)) {
+        netBytes.fetch_add(static_cast<long long>(malloc_usable_size(block)), std::memory_order_relaxed);
+      }
+      return block;
+    }
+    const std::new_handler handler = std::get_new_handler();
+    if (handler == nullptr) throw std::bad_alloc();
+    handler();
+  }
+}
+
+void release(void* block) noexcept {
+  if (block == nullptr) return;
+  if (counting.load(std::memory_order_relaxed)) {
+    netBytes.fetch_sub(static_cast<long long>(malloc_usable_size(block)), std::memory_order_relaxed);
+  }
+  std::free(block);
+}
+
+std::map<std::string, double>& figures() {
+  static std::map<std::string, double> values;
+  return values;
+}
+
+std::vector<RatioSpec>& specs() {
+  static std::vector<RatioSpec> values;
+  return values;
+}
+
+}  // namespace
+
+HeapWindow::HeapWindow() {
+  netBytes.store(0, std::memory_order_relaxed);
+  counting.store(true, std::memory_order_seq_cst);
+}
+
+HeapWindow::~HeapWindow() { counting.store(false, std::memory_order_seq_cst); }
+
+long long HeapWindow::bytes() const { return netBytes.load(std::memory_order_relaxed); }
+
+void setFigure(const std::string& name, double value) { figures()[name] = value; }
+const std::map<std::string, double>& extraFigures() { return figures(); }
+
+void addRatio(const std::string& section, const std::string& label, const std::string& numerator,
+              const std::string& denominator, Goal goal, double limit, const std::string& note) {
+  specs().push_back(RatioSpec{section, label, numerator, denominator, goal, limit, note, "x", false});
+}
+
+void addDifference(const std::string& section, const std::string& label, const std::string& minuend,
+                   const std::string& subtrahend, const std::string& unit) {
+  specs().push_back(RatioSpec{section, label, minuend, subtrahend, Goal::None, 0.0, "", unit, true});
+}
+
+void addValue(const std::string& section, const std::string& label, const std::string& figure,
+              const std::string& unit) {
+  specs().push_back(RatioSpec{section, label, figure, "", Goal::None, 0.0, "", unit, false});
+}
+const std::vector<RatioSpec>& ratioSpecs() { return specs(); }
+
+}  // namespace vantor_bench
+
+// Replacing the global allocation functions in the executable replaces them for the whole process,
+// the library included, since the dynamic linker resolves the library's calls to the executable's
+// definitions first. The aligned forms stay the standard library's: nothing measured here allocates
+// over-aligned memory.
+void* operator new(std::size_t size) { return vantor_bench::allocate(size); }
+void* operator new[](std::size_t size) { return vantor_bench::allocate(size); }
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+  try {
+    return vantor_bench::allocate(size);
+  } catch (...) {
+    return nullptr;
+  }
+}
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+  try {
+    return vantor_bench::allocate(size);
+  } catch (...) {
+    return nullptr;
+  }
+}
+void operator delete(void* block) noexcept { vantor_bench::release(block); }
+void operator delete[](void* block) noexcept { vantor_bench::release(block); }
+void operator delete(void* block, std::size_t) noexcept { vantor_bench::release(block); }
+void operator delete[](void* block, std::size_t) noexcept { vantor_bench::release(block); }
+void operator delete(void* block, const std::nothrow_t&) noexcept { vantor_bench::release(block); }
+void operator delete[](void* block, const std::nothrow_t&) noexcept { vantor_bench::release(block); }

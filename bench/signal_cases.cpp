@@ -1,0 +1,132 @@
+// Emission and connection cost of vantor::tessel::Signal<bool>, against:
+//  - the floor: a std::vector<std::function<void(bool)>> walked under a std::mutex, which is what any
+//    thread-safe signal must at least do;
+//  - boost::signals2::signal<void(bool)>, the thread-safe signal most hosts already know;
+//  - sigc::signal<void(bool)> of libsigc++ 3, which takes no lock at all (it is not thread-safe), so it
+//    shows what a signal costs when it skips the mutex.
+// Every contender calls the same one-pointer callback (CountTrue).
+
+#include <benchmark/benchmark.h>
+
+#include <functional>
+#include <mutex>
+#include <vector>
+
+#include <boost/signals2/signal.hpp>
+#if VANTOR_MESSAGE_BOARD_BENCH_SIGCPP
+#include <sigc++/sigc++.h>
+#endif
+
+#include "bench_support.hpp"
+#include "vantor/tessel/signal.hpp"
+
+namespace vantor_bench {
+namespace {
+
+const std::vector<int> kSlotCounts = {1, 8, 64};
+
+void emitVantor(benchmark::State& state) {
+  long count = 0;
+  vantor::tessel::Signal<bool> signal;
+  for (int i = 0; i < state.range(0); ++i) signal.connect(CountTrue{&count});
+  bool value = true;
+  for (auto _ : state) signal.emit(value);
+  benchmark::DoNotOptimize(count);
+}
+
+void emitFloor(benchmark::State& state) {
+  long count = 0;
+  std::mutex mutex;
+  std::vector<std::function<void(bool)>> callbacks;
+  for (int i = 0; i < state.range(0); ++i) callbacks.emplace_back(CountTrue{&count});
+  bool value = true;
+  for (auto _ : state) {
+    std::lock_guard<std::mutex> lock(mutex);
+    for (const auto& callback : callbacks) callback(value);
+  }
+  benchmark::DoNotOptimize(count);
+}
+
+void emitBoost(benchmark::State& state) {
+  long count = 0;
+  boost::signals2::signal<void(bool)> signal;
+  for (int i = 0; i < state.range(0); ++i) signal.connect(CountTrue{&count});
+  bool value = true;
+  for (auto _ : state) signal(value);
+  benchmark::DoNotOptimize(count);
+}
+
+#if VANTOR_MESSAGE_BOARD_BENCH_SIGCPP
+void emitSigc(benchmark::State& state) {
+  long count = 0;
+  sigc::signal<void(bool)> signal;
+  for (int i = 0; i < state.range(0); ++i) signal.connect(CountTrue{&count});
+  bool value = true;
+  for (auto _ : state) signal.emit(value);
+  benchmark::DoNotOptimize(count);
+}
+#endif
+
+// connect, then disconnect through the handle; the next connect erases the disconnected slot, so the
+// list holds one slot in the steady state. The callback is built once, as a host keeps its own.
+void connectDisconnectVantor(benchmark::State& state) {
+  long count = 0;
+  const std::function<void(bool)> callback = CountTrue{&count};
+  vantor::tessel::Signal<bool> signal;
+  for (auto _ : state) {
+    const vantor::tessel::Connection connection = signal.connect(callback);
+    connection.disconnect();
+  }
+  benchmark::DoNotOptimize(count);
+}
+
+// The floor takes the mutex for each of the two operations, as a thread-safe vector of callbacks must.
+void connectDisconnectFloor(benchmark::State& state) {
+  long count = 0;
+  const std::function<void(bool)> callback = CountTrue{&count};
+  std::mutex mutex;
+  std::vector<std::function<void(bool)>> callbacks;
+  for (auto _ : state) {
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      callbacks.push_back(callback);
+    }
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      callbacks.erase(callbacks.end() - 1);
+    }
+  }
+  benchmark::DoNotOptimize(count);
+}
+
+}  // namespace
+
+void registerSignalBenchmarks() {
+  const auto withSlots = [](benchmark::internal::Benchmark* benchmark) {
+    for (const int slots : kSlotCounts) benchmark->Arg(slots);
+  };
+  withSlots(benchmark::RegisterBenchmark("emit/vantor", emitVantor));
+  withSlots(benchmark::RegisterBenchmark("emit/floor", emitFloor));
+  withSlots(benchmark::RegisterBenchmark("emit/boost_signals2", emitBoost));
+#if VANTOR_MESSAGE_BOARD_BENCH_SIGCPP
+  withSlots(benchmark::RegisterBenchmark("emit/sigc3_unlocked", emitSigc));
+#endif
+  benchmark::RegisterBenchmark("connect_disconnect/vantor", connectDisconnectVantor);
+  benchmark::RegisterBenchmark("connect_disconnect/floor", connectDisconnectFloor);
+
+  for (const int slots : kSlotCounts) {
+    const std::string suffix = "/" + std::to_string(slots);
+    const std::string what = std::to_string(slots) + (slots == 1 ? " slot" : " slots");
+    const std::string section = "Emission, Signal<bool>::emit";
+    addRatio(section, "vantor / floor, " + what, "emit/vantor" + suffix, "emit/floor" + suffix, Goal::AtMost,
+              1.1);
+    addRatio(section, "Boost.Signals2 / vantor, " + what, "emit/boost_signals2" + suffix, "emit/vantor" + suffix,
+              Goal::AtLeast, 5.0);
+    addRatio(section, "sigc++ 3 / vantor, " + what, "emit/sigc3_unlocked" + suffix, "emit/vantor" + suffix,
+              Goal::None, 0.0, "sigc++ is not thread-safe: it takes no lock");
+  }
+  addRatio("Connection", "connect + disconnect: vantor / floor", "connect_disconnect/vantor",
+            "connect_disconnect/floor");
+}
+
+}  // namespace vantor_bench
