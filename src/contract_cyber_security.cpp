@@ -48,21 +48,26 @@ CyberSecurityContract::CyberSecurityContract()
     : Contract("CyberSecurity", /*purgeOnDestroy=*/true),
       tcpPorts_{17161, 17168, 17171, 17172, 17175, 17176, 17178} {
   // Each subscriber holds only `this` and names the operation that publishes its topic, so that an
-  // error raised by its signal's lock names that operation. Should a later subscribe throw, the base
+  // error raised by its signal's lock names that operation. The contract's own getters and
+  // subscribers are stored as the lambdas they are: copying one for a delivery is a plain copy. Should a later subscribe throw, the base
   // destructor purges the ones already stored.
-  subscribeKey<bool>(key("Secured"), Subscriber<bool>([this](const bool& secured) {
-                       bool value = secured;
-                       securedSignal_.emitAs(kUpdateSecured, value);
-                     }),
-                     kInstance);
-  subscribeKey<bool>(key("NewCredentials"), Subscriber<bool>([this](const bool& notice) {
-                       bool value = notice;
-                       newCredentialsSignal_.emitAs(kUpdateAboutNewCreds, value);
-                     }),
-                     kInstance);
+  subscribeKey<bool>(
+      topicKey("Secured"),
+      [this](const bool& secured) {
+        bool value = secured;
+        securedSignal_.emitAs(kUpdateSecured, value);
+      },
+      kInstance);
+  subscribeKey<bool>(
+      topicKey("NewCredentials"),
+      [this](const bool& notice) {
+        bool value = notice;
+        newCredentialsSignal_.emitAs(kUpdateAboutNewCreds, value);
+      },
+      kInstance);
   subscribeKey<Token>(
-      key("SecurityToken"),
-      Subscriber<Token>([this](const Token& token) { securityTokenSignal_.emitAs(kUpdateSecurityToken, token); }),
+      topicKey("SecurityToken"),
+      [this](const Token& token) { securityTokenSignal_.emitAs(kUpdateSecurityToken, token); },
       kInstance);
 }
 
@@ -70,9 +75,15 @@ CyberSecurityContract::CyberSecurityContract()
 // their callbacks), then the base purges every "CyberSecurity" key.
 CyberSecurityContract::~CyberSecurityContract() { wipe(securityToken_); }
 
+std::string CyberSecurityContract::topicKey(std::string_view topic) const {
+  std::string fullKey = keyWithRoom(topic.size());
+  fullKey.append(topic.data(), topic.size());
+  return fullKey;
+}
+
 std::string CyberSecurityContract::addressKey(const std::string& address) const {
   std::string fullKey = keyWithRoom(3 + address.size());
-  fullKey.append("IP:").append(address);
+  fullKey.append("IP:", 3).append(address.data(), address.size());
   return fullKey;
 }
 
@@ -80,7 +91,9 @@ std::string CyberSecurityContract::portKey(const std::string& address, int port)
   char digits[12];  // "-2147483648"
   const std::size_t length = std::to_chars(digits, digits + sizeof digits, port).ptr - digits;  // as "%d" prints
   std::string fullKey = keyWithRoom(3 + address.size() + 1 + length);
-  fullKey.append("IP:").append(address).append(1, ':').append(digits, length);
+  fullKey.append("IP:", 3).append(address.data(), address.size());
+  fullKey.push_back(':');
+  fullKey.append(digits, length);
   return fullKey;
 }
 
@@ -109,11 +122,11 @@ tessel::Connection CyberSecurityContract::connectSecurityTokenSignalWithHandle(c
 }
 
 void CyberSecurityContract::updateSecured(bool secured) {
-  secured_.store(secured);
-  publish<bool>(key("Secured"), Getter<bool>([this] { return secured_.load(); }), kUpdateSecured);
+  secured_.store(secured, std::memory_order_release);
+  publish<bool>(topicKey("Secured"), [this] { return secured_.load(std::memory_order_acquire); }, kUpdateSecured);
 }
 
-void CyberSecurityContract::updateAboutNewCreds() { notifyKey<bool>(key("NewCredentials"), true, kUpdateAboutNewCreds); }
+void CyberSecurityContract::updateAboutNewCreds() { notifyKey<bool>(topicKey("NewCredentials"), true, kUpdateAboutNewCreds); }
 
 void CyberSecurityContract::updateSecurityToken(const OptionalToken& token) {
   if (token) {
@@ -122,22 +135,22 @@ void CyberSecurityContract::updateSecurityToken(const OptionalToken& token) {
     wipe(securityToken_);  // a reset optional keeps its payload: clear the bytes first
     securityToken_ = boost::none;
   }
-  publish<Token>(key("SecurityToken"), Getter<Token>([this] { return securityToken_ ? *securityToken_ : Token{}; }),
+  publish<Token>(topicKey("SecurityToken"), [this] { return securityToken_ ? *securityToken_ : Token{}; },
                  kUpdateSecurityToken);
 }
 
-bool CyberSecurityContract::isSecured() const { return secured_.load(); }
+bool CyberSecurityContract::isSecured() const { return secured_.load(std::memory_order_acquire); }
 
 const CyberSecurityContract::OptionalToken& CyberSecurityContract::getSecurityToken() const { return securityToken_; }
 
 void CyberSecurityContract::updateIpPortAllowed(const std::string& address, int port, bool allowed) {
-  publish<bool>(portKey(address, port), Getter<bool>([allowed] { return allowed; }),
+  publish<bool>(portKey(address, port), [allowed] { return allowed; },
                 "CyberSecurityContract::updateIpPortAllowed");
 }
 
 void CyberSecurityContract::updateIpAllPortsAllowed(const std::string& address, bool allowed) {
   static constexpr const char* kOperation = "CyberSecurityContract::updateIpAllPortsAllowed";
-  publish<bool>(addressKey(address), Getter<bool>([allowed] { return allowed; }), kOperation);
+  publish<bool>(addressKey(address), [allowed] { return allowed; }, kOperation);
   // The walk covers the list as it is now, on a copy: replacing the list meanwhile (from another
   // thread or from a callback of this walk) changes nothing for it.
   std::vector<int> ports;
@@ -146,7 +159,7 @@ void CyberSecurityContract::updateIpAllPortsAllowed(const std::string& address, 
     ports = tcpPorts_;
   }
   for (const int port : ports) {
-    publish<bool>(portKey(address, port), Getter<bool>([allowed] { return allowed; }), kOperation);
+    publish<bool>(portKey(address, port), [allowed] { return allowed; }, kOperation);
   }
 }
 
@@ -161,7 +174,7 @@ void CyberSecurityContract::unsubscribeFromIpPortAllowed(const std::string& addr
 }
 
 bool CyberSecurityContract::isIpSecured(const std::string& address) {
-  if (!secured_.load()) return true;
+  if (!secured_.load(std::memory_order_acquire)) return true;
   return read<bool>(addressKey(address), "CyberSecurityContract::isIpSecured").value_or(false);
 }
 

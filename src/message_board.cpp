@@ -66,13 +66,14 @@ Contract::~Contract() {  // NOLINT(bugprone-exception-escape)
 std::string Contract::keyWithRoom(std::size_t topicSize) const {
   std::string fullKey;
   fullKey.reserve(name_.size() + 1 + topicSize);
-  fullKey.append(name_).append(1, ':');
+  fullKey.append(name_.data(), name_.size());
+  fullKey.push_back(':');
   return fullKey;
 }
 
 std::string Contract::key(const std::string& topic) const {
   std::string fullKey = keyWithRoom(topic.size());
-  fullKey.append(topic);
+  fullKey.append(topic.data(), topic.size());
   return fullKey;
 }
 

@@ -150,8 +150,9 @@ class VANTOR_MESSAGE_BOARD_API Contract {
   // `name:` with room for a topic of `topicSize` characters, to which the caller appends the topic.
   std::string keyWithRoom(std::size_t topicSize) const;
 
-  template <typename T>
-  void publish(std::string fullKey, const Getter<T>& getter, const char* operation);
+  // `getter` is a Getter<T> or any other callable returning T; the board stores a copy of it.
+  template <typename T, typename G>
+  void publish(std::string fullKey, const G& getter, const char* operation);
   template <typename T>
   void notifyKey(std::string fullKey, const T& value, const char* operation);
   // `subscriber` is a std::function taking a const T& or a T.
@@ -181,8 +182,8 @@ class VANTOR_MESSAGE_BOARD_API Contract {
 
 // ---- implementation of the templates ------------------------------------------------------------
 
-template <typename T>
-void Contract::publish(std::string fullKey, const Getter<T>& getter, const char* operation) {
+template <typename T, typename G>
+void Contract::publish(std::string fullKey, const G& getter, const char* operation) {
   BoardKey key(std::move(fullKey));
   // The stored copy is made before locking, to keep the lock short; storing it moves it in place.
   detail::StoredFunction stored = detail::StoredFunction::getter<T>(getter);

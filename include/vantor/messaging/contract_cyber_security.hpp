@@ -58,6 +58,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <boost/optional.hpp>
@@ -156,6 +157,7 @@ class VANTOR_MESSAGE_BOARD_API CyberSecurityContract final : public Contract {
   CyberSecurityContract();
   ~CyberSecurityContract() override;
 
+  std::string topicKey(std::string_view topic) const;
   std::string addressKey(const std::string& address) const;
   std::string portKey(const std::string& address, int port) const;
 

@@ -62,6 +62,7 @@ class StoredFunction {
   }
   StoredFunction(StoredFunction&& other) noexcept : type_(other.type_), ops_(other.ops_), invoke_(other.invoke_) {
     if (ops_ != nullptr) ops_->move(other.buffer_, buffer_);
+    other.ops_ = nullptr;  // its function now lives here
   }
   // Replaces the held function; the previous one is destroyed here. Never allocates.
   StoredFunction& operator=(StoredFunction&& other) noexcept {
@@ -71,6 +72,7 @@ class StoredFunction {
       ops_ = other.ops_;
       invoke_ = other.invoke_;
       if (ops_ != nullptr) ops_->move(other.buffer_, buffer_);
+      other.ops_ = nullptr;
     }
     return *this;
   }
@@ -106,7 +108,7 @@ class StoredFunction {
 
   struct Ops {
     void (*copy)(const void* from, void* to);
-    void (*move)(void* from, void* to) noexcept;  // moves into `to` and destroys `from`
+    void (*move)(void* from, void* to) noexcept;  // moves into `to` and ends `from` (not to be destroyed again)
     void (*destroy)(void* self) noexcept;
     bool (*empty)(const void* self) noexcept;
   };
