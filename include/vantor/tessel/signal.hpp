@@ -52,6 +52,7 @@
 #include "vantor/tessel/detail/thread_annotations.hpp"
 #include "vantor/tessel/detail/tracked_lock.hpp"
 
+/// The header-only signal/slot facility: Signal and its slot handles.
 namespace vantor::tessel {
 
 template <typename... Args>
