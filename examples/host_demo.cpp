@@ -76,7 +76,7 @@ int main() {
 
   onThread("audit", [&] {
     security.setUserActivityLogger([&auditLog]() -> Logger& { return auditLog; });
-    security.setRegisterConnectonCallback([&security](const std::string& address, int port, bool allowed) {
+    security.setRegisterConnectionCallback([&security](const std::string& address, int port, bool allowed) {
       const std::string entry = address + ":" + std::to_string(port) + (allowed ? " accepted" : " refused");
       security.userActivityLogger().record("connection " + entry);
       say("audit", "logged connection " + entry);
@@ -85,7 +85,10 @@ int main() {
       security.userActivityLogger().record(secured ? "system secured" : "system unsecured");
       say("audit", std::string("logged: system ") + (secured ? "secured" : "unsecured"));
     });
-    security.connectNewCredentialsSignal([](bool) { say("audit", "logged: new credentials were set"); });
+    security.connectNewCredentialsSignal([&security](bool) {
+      security.userActivityLogger().record("new credentials were set");
+      say("audit", "logged: new credentials were set");
+    });
     say("audit", "installed the logger hook, the connection callback and two signal callbacks");
   });
 
@@ -118,7 +121,8 @@ int main() {
   });
 
   onThread("network", [&] {
-    for (const auto& [address, port] : Endpoints{{"198.51.100.4", 17161}, {"203.0.113.9", 17161}, {"192.0.2.50", 17168}}) {
+    for (const auto& [address, port] :
+         Endpoints{{"198.51.100.4", 17161}, {"203.0.113.9", 17161}, {"192.0.2.50", 17168}}) {
       const bool allowed = security.isIpSecured(address);
       say("network", "client " + address + (allowed ? " passes" : " fails") + " the address check");
       security.registerConnection(address, port, allowed);

@@ -1,37 +1,40 @@
 #pragma once
 
-// Contract: the base class of every party that owns topics on the message board.
-//
-// A contract named N owns the keys "N:<topic>". Its protected topic operations publish a topic
-// (`update`), hand a value to the topic's subscriber without publishing it (`notify`), subscribe to a
-// topic (`subscribe`), read a topic back (`get`) and withdraw it (`unsubscribe`). Each key has at most
-// one getter and one subscriber; a second subscription replaces the first. Fan-out to many listeners
-// belongs to signals (vantor/tessel/signal.hpp), not to the board.
-//
-// Threads: every operation may be called from any thread, in any order. Each takes the board's lock
-// once (BoardData::mutex) and has released it on every way out, normal or exceptional.
-//
-// Callbacks and the board lock:
-//  - Run UNDER the board lock: getters (in update, subscribe, get), the initial delivery of subscribe,
-//    and the destruction of replaced or erased function objects. A getter or an initial delivery that
-//    calls a board operation gets std::system_error(resource_deadlock_would_occur) from that call,
-//    naming the operation and the lock, and the board stays intact. The destructor of a stored
-//    function object that calls a board operation, and a getter that makes a contract's very first
-//    instance() call (its constructor subscribes, fails, and its destructor's purge fails again), raise
-//    that error inside a destructor: the process terminates.
-//  - Run WITHOUT the lock: the deliveries of update and notify, on a copy of the subscriber. They may
-//    call any board operation, including on their own key. Because they run on copies, a subscriber
-//    can still be called after it was replaced or withdrawn, from several threads at once, and in an
-//    order other than that of the getter stores. A subscriber that always republishes its own key
-//    recurses without end.
-//
-// Value types: each key has one value type T, fixed by its owner. An operation that names another T
-// than the one its key's entry was stored with throws std::invalid_argument naming the key. Types are
-// told apart without RTTI, so hosts built with -fno-rtti behave alike.
-//
-// Lifetime: a contract must outlive every operation on its keys. Its destructor, when purgeOnDestroy
-// is set, erases every board entry whose key begins with the contract's name (a bare prefix test: a
-// contract named "Cyber" also erases the entries of "CyberSecurity").
+/// @file
+/// Contract: the base class of every party that owns topics on the message board.
+///
+/// A contract named N owns the keys `"N:<topic>"`. Its protected topic operations publish a topic
+/// (`update`), hand a value to the topic's subscriber without publishing it (`notify`), subscribe to a
+/// topic (`subscribe`), read a topic back (`get`) and withdraw it (`unsubscribe`). Each key has at most
+/// one getter and one subscriber; a second subscription replaces the first. Fan-out to many listeners
+/// belongs to signals (vantor/tessel/signal.hpp), not to the board.
+///
+/// Threads: every operation may be called from any thread, in any order. Each takes the board's lock
+/// once (BoardData::mutex) and has released it on every way out, normal or exceptional. A wait for that
+/// lock that would close a cycle of threads waiting for each other's library locks throws
+/// `std::system_error(resource_deadlock_would_occur)` in the thread that closes it, instead of hanging.
+///
+/// Callbacks and the board lock:
+///  - Run UNDER the board lock: getters (in update, subscribe, get), the initial delivery of subscribe,
+///    and the destruction of replaced or erased function objects. A getter or an initial delivery that
+///    calls a board operation gets `std::system_error(resource_deadlock_would_occur)` from that call,
+///    naming the operation and the lock, and the board stays intact. The destructor of a stored
+///    function object that calls a board operation, and a getter that makes a contract's very first
+///    instance() call (its constructor subscribes, fails, and its destructor's purge fails again), raise
+///    that error inside a destructor: the process terminates.
+///  - Run WITHOUT the lock: the deliveries of update and notify, on a copy of the subscriber. They may
+///    call any board operation, including on their own key. Because they run on copies, a subscriber
+///    can still be called after it was replaced or withdrawn, from several threads at once, and in an
+///    order other than that of the getter stores. A subscriber that always republishes its own key
+///    recurses without end.
+///
+/// Value types: each key has one value type T, fixed by its owner. An operation that names another T
+/// than the one its key's entry was stored with throws std::invalid_argument naming the key. Types are
+/// told apart without RTTI, so hosts built with `-fno-rtti` behave alike.
+///
+/// Lifetime: a contract must outlive every operation on its keys. Its destructor, when purgeOnDestroy
+/// is set, erases every board entry whose key begins with the contract's name (a bare prefix test: a
+/// contract named "Cyber" also erases the entries of "CyberSecurity").
 
 #include <array>
 #include <cstddef>
@@ -80,12 +83,21 @@ struct Wiped {
 
 }  // namespace detail
 
+/// The base class of every contract: a named party that owns the board keys `"<name>:<topic>"` and
+/// publishes, notifies, subscribes, reads and withdraws them through its protected topic operations.
+/// A derived contract calls them from public operations of its own; hosts call the derived contract.
+/// Any thread may call any operation (see the file description for what runs under the board lock).
 class VANTOR_MESSAGE_BOARD_API Contract {
  public:
-  // A getter returns the topic's current value; a subscriber is handed each new value. Either may be
-  // empty. Both are stored as copies, owned by the board until replaced, withdrawn or purged.
+  /// A topic's getter: returns the current value. Stored as a copy, owned by the board until replaced,
+  /// withdrawn or purged; may be empty. Runs under the board lock (in update, subscribe and get), so it
+  /// must not call any board operation: that call throws `std::system_error(resource_deadlock_would_occur)`.
   template <typename T>
   using Getter = std::function<T()>;
+  /// A topic's subscriber: handed each new value. Stored as a copy, owned by the board until replaced,
+  /// withdrawn or purged; may be empty. Its initial delivery (in subscribe) runs under the board lock
+  /// and must not call any board operation; the deliveries of update and notify run without it, on a
+  /// copy, and may call any operation.
   template <typename T>
   using Subscriber = std::function<void(const T&)>;
 
@@ -94,51 +106,70 @@ class VANTOR_MESSAGE_BOARD_API Contract {
   Contract(Contract&&) = delete;
   Contract& operator=(Contract&&) = delete;
 
-  // Purges the contract's keys if purgeOnDestroy was set (takes the board lock). Must not run
-  // concurrently with an operation on the contract's keys, nor from a callback under the board lock
-  // (that error would leave a destructor and terminate the process).
+  /// Purges the contract's keys if purgeOnDestroy was set (takes the board lock). Must not run
+  /// concurrently with an operation on the contract's keys, nor from a callback under the board lock
+  /// (that error would leave a destructor and terminate the process).
   virtual ~Contract();  // NOLINT(bugprone-exception-escape)
 
  protected:
-  // Binds to MessageBoard::instance_; stores nothing on the board.
+  /// Binds to MessageBoard::instance_ under `name`, the first part of every key of the contract; with
+  /// `purgeOnDestroy` the destructor erases those keys. Stores nothing on the board and takes no lock.
   Contract(std::string name, bool purgeOnDestroy);
 
-  // The full key of `topic`: name, ":", topic. The topic may be empty or contain colons.
+  /// The full key of `topic`: name, ":", topic. The topic may be empty or contain colons. Takes no lock.
+  /// @throws std::bad_alloc when the key cannot be allocated.
   std::string key(const std::string& topic) const;
 
-  // Publishes `topic`: stores a copy of `getter` (replacing the previous one), calls it once under
-  // the board lock, and, if the key has a subscriber, hands the value to a copy of that subscriber
-  // after the lock is released. Every call delivers, also when the value did not change.
-  // Throws std::bad_function_call for an empty getter (after storing it) or an empty subscriber
-  // (after releasing the lock; the getter stays stored); passes on what the getter or subscriber throws.
+  /// Publishes `topic`: stores a copy of `getter` (replacing the previous one), calls it once under
+  /// the board lock, and, if the key has a subscriber, hands the value to a copy of that subscriber
+  /// after the lock is released, on this thread. Every call delivers, also an unchanged value.
+  /// @throws std::bad_function_call for an empty getter (after storing it) or an empty subscriber
+  ///         (after releasing the lock; the getter stays stored).
+  /// @throws std::invalid_argument when the key's subscriber was stored for another value type.
+  /// @throws std::system_error (resource_deadlock_would_occur) when called under the board lock (from
+  ///         a getter or an initial delivery) or when waiting would close a lock cycle; nothing changes.
+  /// @throws std::bad_alloc on allocation failure. What the getter or subscriber throws passes through.
   template <typename T>
   void update(const std::string& topic, const Getter<T>& getter) {
     publish<T>(key(topic), getter, "Contract::update");
   }
 
-  // Hands `value` to the key's subscriber, if any, after releasing the lock. Stores no getter, so a
-  // later subscribe or get does not see the value. Throws std::bad_function_call for an empty
-  // subscriber; passes on what the subscriber throws.
+  /// Hands `value` to a copy of the key's subscriber, if any, after releasing the lock, on this thread.
+  /// Stores no getter, so a later subscribe or get does not see the value.
+  /// @throws std::bad_function_call for an empty subscriber.
+  /// @throws std::invalid_argument when the key's subscriber was stored for another value type.
+  /// @throws std::system_error (resource_deadlock_would_occur) as update() does.
+  /// @throws std::bad_alloc on allocation failure. What the subscriber throws passes through.
   template <typename T>
   void notify(const std::string& topic, const T& value) {
     notifyKey<T>(key(topic), value, "Contract::notify");
   }
 
-  // Makes `subscriber` the key's subscriber (replacing and destroying the previous one). If the key
-  // has a non-empty getter, first calls it and hands the value to `subscriber`, under the lock and
-  // before returning; so the subscriber receives the current value before any later publication.
-  // If that initial delivery fails (std::bad_function_call for an empty subscriber, or whatever the
-  // getter or subscriber throws), nothing is stored and the previous subscriber stays.
+  /// Makes `subscriber` the key's subscriber (replacing and destroying the previous one). If the key
+  /// has a non-empty getter, first calls it and hands the value to `subscriber`, under the lock and
+  /// before returning; so the subscriber receives the current value before any later publication.
+  /// @throws std::bad_function_call when `subscriber` is empty and the key has a non-empty getter.
+  ///         Then, and when the getter or the initial delivery throws (which passes through), nothing
+  ///         is stored and the previous subscriber stays.
+  /// @throws std::invalid_argument when the key's getter was stored for another value type.
+  /// @throws std::system_error (resource_deadlock_would_occur) as update() does.
+  /// @throws std::bad_alloc on allocation failure.
   template <typename T>
   void subscribe(const std::string& topic, const Subscriber<T>& subscriber) {
     subscribeKey<T>(key(topic), subscriber, "Contract::subscribe");
   }
 
-  // Erases the key's getter and subscriber, if any. A key with no entries is not an error.
+  /// Erases the key's getter and subscriber, if any, destroying them under the lock. A key with no
+  /// entries is not an error.
+  /// @throws std::system_error (resource_deadlock_would_occur) as update() does.
+  /// @throws std::bad_alloc when the key cannot be allocated.
   void unsubscribe(const std::string& topic);
 
-  // The value read through the key's getter (called once, under the lock), or none when the key has
-  // no getter or an empty one. Never calls a subscriber and never creates an entry.
+  /// The value read through the key's getter (called once, under the lock), or none when the key has
+  /// no getter or an empty one. Never calls a subscriber and never creates an entry.
+  /// @throws std::invalid_argument when the key's getter was stored for another value type.
+  /// @throws std::system_error (resource_deadlock_would_occur) as update() does.
+  /// @throws std::bad_alloc on allocation failure. What the getter throws passes through.
   template <typename T>
   boost::optional<T> get(const std::string& topic) {
     return read<T>(key(topic), "Contract::get");
@@ -147,18 +178,24 @@ class VANTOR_MESSAGE_BOARD_API Contract {
   // ---- the same operations on a full key that the caller has built, with errors naming `operation`
   // (a string literal): for derived contracts whose public operations build their keys in one step.
 
-  // `name:` with room for a topic of `topicSize` characters, to which the caller appends the topic.
+  /// `"name:"` with room for a topic of `topicSize` characters, to which the caller appends the topic.
+  /// @throws std::bad_alloc when the key cannot be allocated.
   std::string keyWithRoom(std::size_t topicSize) const;
 
-  // `getter` is a Getter<T> or any other callable returning T; the board stores a copy of it.
+  /// update() on the full key `fullKey`; errors name `operation`. `getter` is a Getter<T> or any
+  /// other callable returning T; the board stores a copy of it. Throws what update() throws.
   template <typename T, typename G>
   void publish(std::string fullKey, const G& getter, const char* operation);
+  /// notify() on the full key `fullKey`; errors name `operation`. Throws what notify() throws.
   template <typename T>
   void notifyKey(std::string fullKey, const T& value, const char* operation);
-  // `subscriber` is a std::function taking a const T& or a T.
+  /// subscribe() on the full key `fullKey`; errors name `operation`. `subscriber` is a std::function
+  /// taking a `const T&` or a `T`. Throws what subscribe() throws.
   template <typename T, typename S>
   void subscribeKey(std::string fullKey, const S& subscriber, const char* operation);
+  /// unsubscribe() on the full key `fullKey`; errors name `operation`. Throws what unsubscribe() throws.
   void withdraw(std::string fullKey, const char* operation);
+  /// get() on the full key `fullKey`; errors name `operation`. Throws what get() throws.
   template <typename T>
   boost::optional<T> read(std::string fullKey, const char* operation);
 

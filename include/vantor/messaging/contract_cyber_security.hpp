@@ -1,57 +1,64 @@
 #pragma once
 
-// CyberSecurityContract: the host's cyber-security state, shared by every component of the process.
-//
-// One object per process, reached through instance(). It carries whether the system is secured, the
-// new-credentials notice, an optional 32-byte security token, a yes-or-no allowance per client IP
-// address and per (address, TCP port) pair, the system's TCP ports (17161, 17168, 17171, 17172,
-// 17175, 17176, 17178 by default), the host's user-activity logger hook and its register-connection
-// callback.
-//
-// Topics, on the message board under the contract's name "CyberSecurity":
-//   "Secured"                  bool   published by updateSecured       feeds the secured signal
-//   "NewCredentials"           bool   notified by updateAboutNewCreds  feeds the new-credentials signal
-//   "SecurityToken"            Token  published by updateSecurityToken feeds the token signal
-//   "IP:<address>"             bool   published by updateIpAllPortsAllowed, read by isIpSecured
-//   "IP:<address>:<port>"      bool   published by updateIpPortAllowed, listened to by subscribeToIpPortAllowed
-// Addresses enter keys byte for byte, unvalidated and unescaped; ports are written as "%d" prints them.
-//
-// Threads: every operation may be called from any thread. Every callback runs synchronously on the
-// thread of the call that caused it. The secured flag is atomic, and the port list and the two host
-// hooks sit behind a small lock of the contract's own (mutex_) under which only pointers and the port
-// list are copied or swapped: no host code (no call, copy or destruction of a host callable) ever runs
-// under it. So their writers and readers may run at the same time, and a host callable may call any
-// operation of the contract, even from its copy constructor or destructor. One limit remains:
-// getSecurityToken() hands out a reference to the token, so updateSecurityToken must not run at the
-// same time as another updateSecurityToken or as a read through that reference (a copy taken
-// meanwhile could mix bytes).
-//
-// Callbacks connected to the three signals run holding that signal's lock and not the board lock.
-// Such a callback may call any operation except the one that feeds its own signal and the connect
-// operations of its own signal: those throw std::system_error(resource_deadlock_would_occur) naming
-// the operation and the signal ("updateSecured would wait for the secured signal's lock, which this
-// thread already holds ..."). A callback of one signal that publishes into another is fine while no
-// other thread does the opposite at the same time; if one does, the thread that closes the cycle gets
-// the same error instead of both hanging. A callback given to subscribeToIpPortAllowed runs outside
-// the board lock for publications, but under it for the initial delivery of its subscription; during
-// that initial delivery an operation that takes the board lock (updates, (un)subscriptions,
-// isIpSecured while secured) throws the same error, and a connect operation is forbidden (it takes a
-// signal's lock under the board's, the one order that may close a cycle).
-//
-// The security token: the contract wipes its copy of the token when it is replaced or cleared and
-// when the contract is destroyed, and the board wipes the copies it reads through the getter. The
-// copies handed to token callbacks (by value) belong to the host, which wipes them if it must.
-//
-// Failures: every exception (from a callback, std::bad_function_call for an empty one, allocation or
-// lock failures) reaches the caller with every lock released. A publication whose callback fails has
-// already stored the new state: the member holds the new value and the board the new getter.
-//
-// Lifetime: built on the first instance() call (callers that arrive meanwhile wait; a constructor that
-// throws is retried by the next call), destroyed at process exit or library unload, before the board;
-// its destruction removes every board entry whose key starts with "CyberSecurity". No operation may
-// run once its destruction has begun. Callbacks connected through connect*Signal live as long as the
-// contract, that is the process; the connect*SignalWithHandle variants hand back a Connection (for
-// ScopedConnection) with which the host disconnects them earlier.
+/// @file
+/// CyberSecurityContract: the host's cyber-security state, shared by every component of the process.
+///
+/// One object per process, reached through instance(). It carries whether the system is secured, the
+/// new-credentials notice, an optional 32-byte security token, a yes-or-no allowance per client IP
+/// address and per (address, TCP port) pair, the system's TCP ports (17161, 17168, 17171, 17172,
+/// 17175, 17176, 17178 by default), the host's user-activity logger hook and its register-connection
+/// callback.
+///
+/// Topics, on the message board under the contract's name "CyberSecurity":
+///
+/// | Topic                   | Value | Published by                             | Reaches                       |
+/// |-------------------------|-------|------------------------------------------|-------------------------------|
+/// | `"Secured"`             | bool  | updateSecured()                          | the secured signal            |
+/// | `"NewCredentials"`      | bool  | updateAboutNewCreds() (notified only)    | the new-credentials signal    |
+/// | `"SecurityToken"`       | Token | updateSecurityToken()                    | the token signal              |
+/// | `"IP:<address>"`        | bool  | updateIpAllPortsAllowed()                | isIpSecured(), which reads it |
+/// | `"IP:<address>:<port>"` | bool  | updateIpPortAllowed(), and the port walk | subscribeToIpPortAllowed()    |
+///
+/// Addresses enter keys byte for byte, unvalidated and unescaped; ports are written as `"%d"` prints
+/// them.
+///
+/// Threads: every operation may be called from any thread. Every callback runs synchronously on the
+/// thread of the call that caused it. The secured flag is atomic, and the port list and the two host
+/// hooks sit behind a small lock of the contract's own (mutex_) under which only pointers and the port
+/// list are copied or swapped: no host code (no call, copy or destruction of a host callable) ever runs
+/// under it. So their writers and readers may run at the same time, and a host callable may call any
+/// operation of the contract, even from its copy constructor or destructor. One limit remains:
+/// getSecurityToken() hands out a reference to the token, so updateSecurityToken must not run at the
+/// same time as another updateSecurityToken or as a read through that reference (a copy taken
+/// meanwhile could mix bytes).
+///
+/// Callbacks connected to the three signals run holding that signal's lock and not the board lock.
+/// Such a callback may call any operation except the one that feeds its own signal and the connect
+/// operations of its own signal: those throw `std::system_error(resource_deadlock_would_occur)` naming
+/// the operation and the signal ("CyberSecurityContract::updateSecured would wait for the secured
+/// signal's lock, which this thread already holds ..."). A callback of one signal that publishes into
+/// another is fine while no other thread does the opposite at the same time; if one does, the thread
+/// that closes the cycle gets the same error instead of both hanging. A callback given to
+/// subscribeToIpPortAllowed runs outside the board lock for publications, but under it for the initial
+/// delivery of its subscription; during that initial delivery an operation that takes the board lock
+/// (updates, (un)subscriptions, isIpSecured while secured) throws the same error, and a connect
+/// operation is forbidden (it takes a signal's lock under the board's, the one order that may close a
+/// cycle). Cycles through a mutex of the host's own are not detected and still hang.
+///
+/// The security token: the contract wipes its copy of the token when it is replaced or cleared and
+/// when the contract is destroyed, and the board wipes the copies it reads through the getter. The
+/// copies handed to token callbacks (by value) belong to the host, which wipes them if it must.
+///
+/// Failures: every exception (from a callback, std::bad_function_call for an empty one, allocation or
+/// lock failures) reaches the caller with every lock released. A publication whose callback fails has
+/// already stored the new state: the member holds the new value and the board the new getter.
+///
+/// Lifetime: built on the first instance() call (callers that arrive meanwhile wait; a constructor that
+/// throws is retried by the next call), destroyed at process exit or library unload, before the board;
+/// its destruction removes every board entry whose key starts with "CyberSecurity". No operation may
+/// run once its destruction has begun. Callbacks connected through connect*Signal live as long as the
+/// contract, that is the process; the connect*SignalWithHandle variants hand back a Connection (for
+/// ScopedConnection) with which the host disconnects them earlier.
 
 #include <array>
 #include <atomic>
@@ -69,7 +76,8 @@
 #include "vantor/tessel/detail/tracked_lock.hpp"
 #include "vantor/tessel/signal.hpp"
 
-// The host's user-activity logger. The library only passes references to it around.
+// The host's user-activity logger: a class that the host defines, in the global namespace. The library
+// only declares it and passes references to it around; it never calls into a Logger.
 class Logger;
 
 // The two signal instantiations the contract uses are compiled into, and exported by, the library.
@@ -80,77 +88,144 @@ extern template class VANTOR_MESSAGE_BOARD_API Signal<boost::optional<std::array
 
 namespace vantor::messaging {
 
+/// The host's cyber-security state: one object per process, reached through instance(), through which
+/// the host's components publish and receive the secured flag, new-credentials notices, the security
+/// token and IP/port allowances. Any thread may call any operation; callbacks run synchronously on the
+/// calling thread, under the lock stated on each callback type (the file description has the rules).
 class VANTOR_MESSAGE_BOARD_API CyberSecurityContract final : public Contract {
  public:
+  /// The security token: 32 bytes.
   using Token = std::array<unsigned char, 32>;
+  /// A token or none. Given to updateSecurityToken(), none clears the token.
   using OptionalToken = boost::optional<Token>;
+  /// A callback of one flag. On the secured or new-credentials signal it runs under that signal's lock
+  /// and must not publish into that signal or connect to it (both throw `std::system_error`). Given to
+  /// subscribeToIpPortAllowed() it runs outside the board lock, except for its initial delivery, which
+  /// runs under it: then it must call no operation that takes the board lock, nor connect.
   using FlagCallback = std::function<void(bool)>;
+  /// A token callback. Runs under the token signal's lock: it must not call updateSecurityToken() nor
+  /// connect to the token signal (both throw `std::system_error`). It always receives an engaged
+  /// optional, 32 zero bytes for a cleared token; the copy it receives is the host's to wipe.
   using TokenCallback = std::function<void(OptionalToken)>;
+  /// Returns the host's user-activity Logger (a class the host defines in the global namespace; the
+  /// library only declares it). userActivityLogger() calls it after releasing its own lock, so it may
+  /// call any operation.
   using LoggerHook = std::function<Logger&()>;
+  /// The host's connection callback. registerConnection() calls it with its own arguments after
+  /// releasing its own lock, so it may call any operation.
   using ConnectionCallback = std::function<void(const std::string& address, int port, bool allowed)>;
 
-  // The one contract of the process, built on the first call.
+  /// The one contract of the process, built on the first call (thread-safe; callers that arrive
+  /// meanwhile wait). The first call must not come from a callback that runs under the board lock: the
+  /// constructor's error would leave a destructor and terminate the process.
+  /// @throws std::bad_alloc when the construction fails; the next call constructs again.
   static CyberSecurityContract& instance();
 
   // ---- signals: each call adds a slot for the contract's lifetime; earlier values are not replayed.
 
-  // `callback` receives every published secured flag. Runs under the secured signal's mutex.
+  /// Adds `callback` to the secured signal for the contract's lifetime (the process's): it receives
+  /// every later published secured flag, under the secured signal's mutex; earlier values are not
+  /// replayed. Each call adds a slot.
+  /// @throws std::system_error (resource_deadlock_would_occur) when called from a callback of this
+  ///         signal, or when waiting for its lock would close a lock cycle; nothing is connected.
+  /// @throws std::bad_alloc when the slot cannot be allocated.
   void connectSecuredSignal(const FlagCallback& callback);
-  // `callback` receives true at every new-credentials notice. Runs under that signal's mutex.
+  /// Adds `callback` to the new-credentials signal for the contract's lifetime: it receives true at
+  /// every later notice, under that signal's mutex. Throws as connectSecuredSignal() does.
   void connectNewCredentialsSignal(const FlagCallback& callback);
-  // `callback` receives every published token as an engaged optional; a cleared token arrives as 32
-  // zero bytes (getSecurityToken() tells the two apart). Runs under the token signal's mutex.
+  /// Adds `callback` to the token signal for the contract's lifetime: it receives every later
+  /// published token as an engaged optional, under the token signal's mutex; a cleared token arrives
+  /// as 32 zero bytes (getSecurityToken() tells the two apart). Throws as connectSecuredSignal() does.
   void connectSecurityTokenSignal(const TokenCallback& callback);
 
-  // The same three, handing back the slot's Connection, with which the host blocks or disconnects the
-  // callback (hold it in a tessel::ScopedConnection to disconnect it when a component goes away).
+  /// connectSecuredSignal(), handing back the slot's Connection, with which the host blocks or
+  /// disconnects the callback (hold it in a tessel::ScopedConnection to disconnect it when a component
+  /// goes away). Throws as connectSecuredSignal() does.
   tessel::Connection connectSecuredSignalWithHandle(const FlagCallback& callback);
+  /// connectNewCredentialsSignal(), handing back the slot's Connection (see
+  /// connectSecuredSignalWithHandle()). Throws as connectSecuredSignal() does.
   tessel::Connection connectNewCredentialsSignalWithHandle(const FlagCallback& callback);
+  /// connectSecurityTokenSignal(), handing back the slot's Connection (see
+  /// connectSecuredSignalWithHandle()). Throws as connectSecuredSignal() does.
   tessel::Connection connectSecurityTokenSignalWithHandle(const TokenCallback& callback);
 
   // ---- security state
 
-  // Stores the flag, then publishes it on "Secured"; returns after the secured signal's callbacks.
+  /// Stores the flag, then publishes it on "Secured"; returns after the secured signal's callbacks have
+  /// run on this thread. Every call publishes, also an unchanged flag.
+  /// @throws std::system_error (resource_deadlock_would_occur) when called from a secured-signal
+  ///         callback or under the board lock, or when a wait would close a lock cycle.
+  /// @throws std::bad_function_call when the signal reaches an empty callback.
+  /// @throws std::bad_alloc on allocation failure. What a callback throws passes through. In every
+  ///         case the flag stays stored, and so does the getter once it was published.
   void updateSecured(bool secured);
-  // Notifies true on "NewCredentials" (stores nothing); returns after that signal's callbacks.
+  /// Notifies true on "NewCredentials" (stores nothing); returns after that signal's callbacks have run
+  /// on this thread. Throws as updateSecured() does, for the new-credentials signal.
   void updateAboutNewCreds();
-  // Stores the token (an empty optional clears it), then publishes its bytes, or 32 zero bytes when
-  // cleared, on "SecurityToken"; returns after the token signal's callbacks.
+  /// Stores the token (an empty optional clears it; the old bytes are wiped), then publishes its bytes,
+  /// or 32 zero bytes when cleared, on "SecurityToken"; returns after the token signal's callbacks have
+  /// run on this thread. Must not overlap another updateSecurityToken() or a read through
+  /// getSecurityToken(). Throws as updateSecured() does, for the token signal.
   void updateSecurityToken(const OptionalToken& token);
 
+  /// The flag last stored by updateSecured(); false at first. Atomic, takes no lock, never throws.
   bool isSecured() const;
-  // The current token. The reference stays valid and shows later changes; see the threading limit above.
+  /// The current token, empty at first and after a clear. The reference stays valid and shows later
+  /// changes; it must not be read while updateSecurityToken() runs. Takes no lock, never throws.
   const OptionalToken& getSecurityToken() const;
 
   // ---- IP and port allowance
 
-  // Publishes `allowed` for the pair, and hands it to the pair's listener if there is one.
+  /// Publishes `allowed` for the pair, and hands it to the pair's listener, if there is one, on this
+  /// thread after the board lock is released.
+  /// @throws std::bad_function_call when the pair's listener is empty (the flag stays published).
+  /// @throws std::system_error (resource_deadlock_would_occur) when called under the board lock, or
+  ///         when waiting for it would close a lock cycle.
+  /// @throws std::bad_alloc on allocation failure. What the listener throws passes through.
   void updateIpPortAllowed(const std::string& address, int port, bool allowed);
-  // Publishes `allowed` for the address as a whole (read by isIpSecured), then for each port of the
-  // port list as it is once that is done, in order. Stops at the first failure.
+  /// Publishes `allowed` for the address as a whole (read by isIpSecured), then for each port of the
+  /// port list as it is once that is done, in order. Throws as updateIpPortAllowed() does and stops at
+  /// the first failure; what was published before stays.
   void updateIpAllPortsAllowed(const std::string& address, bool allowed);
-  // Makes `callback` the pair's one listener (replacing an earlier one). If the pair has a published
-  // flag, `callback` receives it before this returns, under the board lock (see above).
+  /// Makes `callback` the pair's one listener (replacing an earlier one). If the pair has a published
+  /// flag, `callback` receives it before this returns, under the board lock (see FlagCallback).
+  /// @throws std::bad_function_call when `callback` is empty and the pair has a flag. Then, and when
+  ///         the initial delivery throws (which passes through), nothing is stored.
+  /// @throws std::system_error (resource_deadlock_would_occur) as updateIpPortAllowed() does.
+  /// @throws std::bad_alloc on allocation failure.
   void subscribeToIpPortAllowed(const std::string& address, int port, const FlagCallback& callback);
-  // Removes the pair's published flag and its listener.
+  /// Removes the pair's published flag and its listener; a pair with neither is not an error.
+  /// @throws std::system_error (resource_deadlock_would_occur) as updateIpPortAllowed() does.
+  /// @throws std::bad_alloc when the key cannot be allocated.
   void unsubscribeFromIpPortAllowed(const std::string& address, int port);
-  // True while the system is not secured; otherwise the flag last published for the address as a
-  // whole, false if none was. Port flags do not count.
+  /// True while the system is not secured, for every address; otherwise the flag last published for
+  /// the address as a whole, false if none was. Port flags do not count.
+  /// @throws std::system_error (resource_deadlock_would_occur) while secured, as updateIpPortAllowed()
+  ///         does.
+  /// @throws std::bad_alloc when the key cannot be allocated.
   bool isIpSecured(const std::string& address);
 
   // ---- host hooks and ports
 
-  // Calls the logger hook and returns its Logger. Throws std::bad_function_call while none is set.
+  /// Calls the logger hook, after releasing the contract's lock, and returns its Logger.
+  /// @throws std::bad_function_call while no hook is set. What the hook throws passes through.
   Logger& userActivityLogger();
-  // Replaces the logger hook with a copy of `logger` (an empty one unsets it).
+  /// Replaces the logger hook with a copy of `logger` (an empty one unsets it). The previous hook is
+  /// destroyed after the contract's lock is released.
+  /// @throws std::bad_alloc when the copy cannot be allocated; what the hook's copy throws. Nothing
+  ///         changes then.
   void setUserActivityLogger(const LoggerHook& logger);
-  // Replaces the connection callback with a copy of `callback` (an empty one unsets it).
+  /// Replaces the connection callback with a copy of `callback` (an empty one unsets it). The previous
+  /// callback is destroyed after the contract's lock is released. Throws as setUserActivityLogger() does.
   void setRegisterConnectionCallback(const ConnectionCallback& callback);
-  // The same, under the name it has always had.
+  /// setRegisterConnectionCallback(), under the name it has always had.
   void setRegisterConnectonCallback(const ConnectionCallback& callback);
-  // Calls the connection callback once with the same arguments, if one is set; otherwise does nothing.
+  /// Calls the connection callback once with the same arguments, on this thread and after releasing the
+  /// contract's lock, if one is set; otherwise does nothing. What the callback throws passes through.
   void registerConnection(const std::string& address, int port, bool allowed);
-  // Replaces the port list with copies of the elements of `ports`, which keeps them.
+  /// Replaces the port list with copies of the elements of `ports`, which keeps them. A walk of
+  /// updateIpAllPortsAllowed() already running keeps the list it started with.
+  /// @throws std::bad_alloc when the copy cannot be allocated; the list is unchanged.
   void setTcpPortsVector(std::vector<int>&& ports);
 
  private:
@@ -176,3 +251,26 @@ class VANTOR_MESSAGE_BOARD_API CyberSecurityContract final : public Contract {
 };
 
 }  // namespace vantor::messaging
+
+/// @mainpage libvantor_message_board
+///
+/// A C++17 shared library (`libvantor_message_board.so.13`, ABI version 13) through which the
+/// components of one host process exchange state in-process. It has three parts:
+///
+///  - **The message board**: the process-wide store of getters and subscribers under full keys,
+///    vantor::messaging::MessageBoard (message_board.hpp), and the topic protocol of its contracts'
+///    base class, vantor::messaging::Contract (contract.hpp).
+///  - **Signals**: the header-only signal/slot template vantor::tessel::Signal with its slot handles
+///    vantor::tessel::Connection, vantor::tessel::ScopedConnection and vantor::tessel::ConnectionBlocker
+///    (signal.hpp).
+///  - **The cyber-security contract**: vantor::messaging::CyberSecurityContract
+///    (contract_cyber_security.hpp), the one object through which host components share the security
+///    state. A host includes this header and calls only this class.
+///
+/// Each header's file description is its manual: what its types are for, which thread may call what,
+/// which lock each callback runs under and what it must not call, and how long things live. The
+/// guide, docs/guide.md in the source tree, walks through the same ground with the threading rules
+/// and every error a host can see on one page each.
+
+/// @namespace vantor
+/// Everything the library declares.

@@ -1,42 +1,46 @@
 #pragma once
 
-// Signal<Args...>: a thread-safe, header-only signal/slot facility.
-//
-// A Signal holds an ordered list of callbacks (slots). emit() calls every live slot synchronously, on
-// the emitting thread, in connection order, while the signal's own mutex is held; so emissions of one
-// signal never overlap, and connect() or disconnectAll() on another thread wait for a running one.
-//
-// connect() returns a Connection: a non-owning handle to the slot's two flags (Connection::Status).
-// A blocked slot is skipped by deliveries; a slot marked disconnected is erased by the next walk of the
-// list (by connect or a delivery). The signal itself never sets either flag. Dropping a Connection
-// leaves its slot connected; ScopedConnection disconnects when it goes out of scope, and
-// ConnectionBlocker blocks a slot for its own lifetime.
-//
-// Threads: every operation of Signal may be called from any thread. Connection, ScopedConnection and
-// ConnectionBlocker objects may be used from any thread, also while the signal emits: the flags are
-// one-byte atomics. A flag changed while an emission runs takes effect in that emission only if the
-// walk has not yet reached the slot (see deliver()). disconnect() does not wait for a running
-// emission: a slot that is being called when another thread disconnects it finishes its call.
-//
-// Callbacks run while the signal's mutex is held, and the copy and destruction of callback objects
-// (by connect and by erasure) happen under it too. What a callback may do:
-//  - connect(), emit() or disconnectAll() on its own signal: throws
-//    std::system_error(resource_deadlock_would_occur) naming the operation and the signal's lock, and
-//    leaves the signal intact.
-//  - emit another signal: fine, unless another thread at the same time emits the two in the opposite
-//    order (or a longer ring of signals closes): then the thread that closes the cycle gets the same
-//    std::system_error instead of both threads hanging (see detail/tracked_lock.hpp).
-//  - destroy its own signal, or run any of the above from the destructor of a callback object: the
-//    error is raised inside a destructor, which is noexcept, so the process terminates.
-//
-// Lock order with the message board (vantor/messaging/message_board.hpp): a callback may call board
-// operations, i.e. take the board's mutex while this signal's mutex is held. The reverse order, taking
-// a signal's mutex under the board's mutex, is permitted only while that signal has no callbacks (a
-// contract subscribing its own subscribers in its constructor).
-//
-// Lifetime: the destructor disconnects every slot (waiting for a running emission); no operation may
-// start on a signal once its destruction has begun. Connections outlive their signal safely: they
-// stop resolving once their slot is erased, and then do nothing.
+/// @file
+/// `Signal<Args...>`: a thread-safe, header-only signal/slot facility, with its slot handles
+/// Connection, ScopedConnection and ConnectionBlocker.
+///
+/// A Signal holds an ordered list of callbacks (slots). emit() calls every live slot synchronously, on
+/// the emitting thread, in connection order, while the signal's own mutex is held; so emissions of one
+/// signal never overlap, and connect() or disconnectAll() on another thread wait for a running one.
+///
+/// connect() returns a Connection: a non-owning handle to the slot's two flags (Connection::Status).
+/// A blocked slot is skipped by deliveries; a slot marked disconnected is erased by the next walk of the
+/// list (by connect or a delivery). The signal itself never sets either flag. Dropping a Connection
+/// leaves its slot connected; ScopedConnection disconnects when it goes out of scope, and
+/// ConnectionBlocker blocks a slot for its own lifetime.
+///
+/// Threads: every operation of Signal may be called from any thread. Connection, ScopedConnection and
+/// ConnectionBlocker objects may be used from any thread, also while the signal emits: the flags are
+/// one-byte atomics. A flag changed while an emission runs takes effect in that emission only if the
+/// walk has not yet reached the slot (see deliver()). disconnect() does not wait for a running
+/// emission: a slot that is being called when another thread disconnects it finishes its call.
+///
+/// Callbacks run while the signal's mutex is held, and the copy and destruction of callback objects
+/// (by connect and by erasure) happen under it too. What a callback may do:
+///  - connect(), emit() or disconnectAll() on its own signal: throws
+///    `std::system_error(resource_deadlock_would_occur)` naming the operation and the signal's lock,
+///    and leaves the signal intact.
+///  - emit another signal: fine, unless another thread at the same time emits the two in the opposite
+///    order (or a longer ring of signals closes): then the thread that closes the cycle gets the same
+///    `std::system_error` instead of both threads hanging. Cycles that pass through a mutex of the
+///    host's own, or through signals of a module that uses this header without linking the library,
+///    are not detected and still hang.
+///  - destroy its own signal, or run any of the above from the destructor of a callback object: the
+///    error is raised inside a destructor, which is noexcept, so the process terminates.
+///
+/// Lock order with the message board (vantor/messaging/message_board.hpp): a callback may call board
+/// operations, that is take the board's mutex while this signal's mutex is held. The reverse order,
+/// taking a signal's mutex under the board's mutex, is permitted only while that signal has no
+/// callbacks (a contract subscribing its own subscribers in its constructor).
+///
+/// Lifetime: the destructor disconnects every slot (waiting for a running emission); no operation may
+/// start on a signal once its destruction has begun. Connections outlive their signal safely: they
+/// stop resolving once their slot is erased, and then do nothing.
 
 #include <atomic>
 #include <cstdint>
@@ -48,6 +52,7 @@
 #include "vantor/tessel/detail/thread_annotations.hpp"
 #include "vantor/tessel/detail/tracked_lock.hpp"
 
+/// The header-only signal/slot facility: Signal and its slot handles.
 namespace vantor::tessel {
 
 template <typename... Args>
@@ -58,50 +63,55 @@ namespace detail {
 struct SlotState;
 }
 
-// A handle to one slot. Default-constructed, it refers to no slot. Copies refer to the same slot and
-// compare equal. Every operation acts through the slot's Status, takes no lock, and does nothing once
-// the slot has been erased (by a walk after disconnect(), by disconnectAll() or by the signal's
-// destruction).
+/// A handle to one slot of a Signal, as Signal::connect() returns it. Default-constructed, it refers to
+/// no slot. Copies refer to the same slot and compare equal. Every operation acts through the slot's
+/// Status, takes no lock, never throws, may run on any thread (also while the signal emits, and after
+/// it is gone) and does nothing once the slot has been erased (by a walk after disconnect(), by
+/// disconnectAll() or by the signal's destruction).
 class Connection {
  public:
-  // The slot's flags, which the signal reads as it walks its list. Allocated on its own by connect()
-  // and owned only by the slot's list entry, so erasing the entry frees it at once; Connections hold
-  // weak references.
+  /// The slot's flags, which the signal reads as it walks its list. Allocated on its own by connect()
+  /// and owned only by the slot's list entry, so erasing the entry frees it at once; Connections hold
+  /// weak references. Hosts change the flags only through Connection and ConnectionBlocker.
   struct Status {
-    std::atomic<bool> blocked{false};       // deliveries skip the slot while set
-    std::atomic<bool> disconnected{false};  // the slot is never called again and is erased at the next walk
+    std::atomic<bool> blocked{false};       ///< Deliveries skip the slot while set.
+    std::atomic<bool> disconnected{false};  ///< Never called again; erased at the next walk.
   };
   static_assert(sizeof(std::atomic<bool>) == 1 && std::atomic<bool>::is_always_lock_free,
                 "Status flags must be one-byte, lock-free atomics");
 
+  /// A handle that refers to no slot: connected() is false, and every operation does nothing.
   Connection() noexcept = default;
 
-  // Marks the slot disconnected; the signal erases it at its next walk.
+  /// Marks the slot disconnected: it is never called again, and the signal erases it at its next walk.
+  /// Does not wait for a call of the slot that is already running on another thread.
   void disconnect() const noexcept {
     if (const auto status = status_.lock()) status->disconnected.store(true, std::memory_order_release);
   }
 
-  // Makes deliveries skip the slot until unblock(). Blocking is not counted: one unblock() ends any
-  // number of block() calls, but the slot stays blocked while a ConnectionBlocker on it lives.
+  /// Makes deliveries skip the slot until unblock(). block() itself is not counted: one unblock() ends
+  /// any number of block() calls, but the slot stays blocked while a ConnectionBlocker on it lives.
   inline void block() const noexcept;
+  /// Ends block(). The slot is called again unless a ConnectionBlocker on it still lives.
   inline void unblock() const noexcept;
 
-  // True while the slot exists and is not marked disconnected.
+  /// True while the slot exists and is not marked disconnected.
   bool connected() const noexcept {
     const auto status = status_.lock();
     return status && !status->disconnected.load(std::memory_order_acquire);
   }
 
-  // True while the slot exists and is blocked (by block() or by a living ConnectionBlocker).
+  /// True while the slot exists and is blocked (by block() or by a living ConnectionBlocker).
   bool blocked() const noexcept {
     const auto status = status_.lock();
     return status && status->blocked.load(std::memory_order_acquire);
   }
 
-  // Connections are equal when they refer to the same slot (or both to none), erased or not.
+  /// Connections are equal when they refer to the same slot (or both to none), erased or not.
   friend bool operator==(const Connection& a, const Connection& b) noexcept {
     return !a.status_.owner_before(b.status_) && !b.status_.owner_before(a.status_);
   }
+  /// The negation of operator==.
   friend bool operator!=(const Connection& a, const Connection& b) noexcept { return !(a == b); }
 
  private:
@@ -156,13 +166,20 @@ void Connection::unblock() const noexcept {
   changeBlocking([](std::atomic<std::uint32_t>& blocks) { blocks.fetch_and(~detail::SlotState::kBlockCalled); });
 }
 
-// Owns a connection: disconnects its slot when destroyed or assigned over. Move-only.
+/// Owns a Connection: disconnects its slot when destroyed or assigned over. Move-only. Like Connection it
+/// takes no lock, never throws, may be used on any thread and outlive the signal; disconnecting does not
+/// wait for a call of the slot that is already running.
 class ScopedConnection {
  public:
+  /// Owns no connection.
   ScopedConnection() noexcept = default;
+  /// Takes ownership of `connection` (implicit, so that `ScopedConnection c = signal.connect(...)` reads
+  /// naturally).
   ScopedConnection(Connection connection) noexcept : connection_(std::move(connection)) {}  // NOLINT: implicit by design
 
+  /// Takes over the connection of `other`, which is left owning none.
   ScopedConnection(ScopedConnection&& other) noexcept : connection_(other.release()) {}
+  /// Disconnects the slot owned so far, then takes over the connection of `other`.
   ScopedConnection& operator=(ScopedConnection&& other) noexcept {
     if (this != &other) {
       connection_.disconnect();
@@ -173,22 +190,26 @@ class ScopedConnection {
   ScopedConnection(const ScopedConnection&) = delete;
   ScopedConnection& operator=(const ScopedConnection&) = delete;
 
+  /// Disconnects the owned slot, if any.
   ~ScopedConnection() { connection_.disconnect(); }
 
-  // Gives up ownership: returns the connection, which stays connected, and leaves this empty.
+  /// Gives up ownership: returns the connection, which stays connected, and leaves this owning none.
   Connection release() noexcept { return std::exchange(connection_, Connection()); }
 
+  /// The owned connection (a Connection that refers to no slot when none is owned).
   const Connection& connection() const noexcept { return connection_; }
 
  private:
   Connection connection_;
 };
 
-// Blocks a slot for its own lifetime. Blockers are counted: with several blockers on one slot, released
-// in any order and on any threads, the slot stays blocked until the last is gone (and after that while
-// block() is in force).
+/// Blocks a slot for its own lifetime. Blockers are counted: with several blockers on one slot, released
+/// in any order and on any threads, the slot stays blocked until the last is gone (and after that while
+/// block() is in force). Takes no lock, never throws, and may be made and destroyed on any thread.
 class ConnectionBlocker {
  public:
+  /// Blocks the slot of `connection` until this blocker is destroyed. A blocker made on a connection
+  /// whose slot no longer exists (or that refers to none) does nothing.
   explicit ConnectionBlocker(Connection connection) noexcept
       : connection_(std::move(connection)),
         counted_(connection_.changeBlocking([](std::atomic<std::uint32_t>& blocks) {
@@ -197,6 +218,7 @@ class ConnectionBlocker {
   ConnectionBlocker(const ConnectionBlocker&) = delete;
   ConnectionBlocker& operator=(const ConnectionBlocker&) = delete;
 
+  /// Lifts this blocker's block; the slot is called again once no other blocker and no block() holds it.
   ~ConnectionBlocker() {
     if (!counted_) return;
     connection_.changeBlocking(
@@ -208,42 +230,54 @@ class ConnectionBlocker {
   bool counted_;  // the slot existed when this blocker was made, so it holds one count
 };
 
+/// A list of callbacks (slots) that emit() calls in connection order, on the emitting thread, under the
+/// signal's own mutex. Every operation may be called from any thread; callbacks must not call
+/// connect(), emit() or disconnectAll() on the signal that runs them (see the file description for the
+/// rules, the errors and the lock order). Neither copyable nor movable.
 template <typename... Args>
 class Signal {
  public:
-  // A slot's callback. It may be empty: connect() stores it, and invoking it raises
-  // std::bad_function_call. Runs under this signal's mutex (see the header comment for what it must
-  // not call).
+  /// A slot's callback. Runs on the emitting thread while this signal's mutex is held: it must not
+  /// call connect(), emit() or disconnectAll() on this signal (they throw `std::system_error`), nor
+  /// destroy it. It may be empty: connect() stores it, and a delivery that reaches it throws
+  /// std::bad_function_call.
   using Callback = std::function<void(Args...)>;
 
+  /// A signal without slots, whose lock errors call its lock "a signal's lock".
   Signal() noexcept : Signal("a signal's lock") {}
-  // `lockName` (a string literal) names this signal's lock in error messages, e.g. "the secured signal's lock".
+  /// A signal without slots. `lockName` (a string literal) names its lock in error messages, for
+  /// example "the secured signal's lock".
   explicit Signal(const char* lockName) noexcept : mutex_(lockName) {}
   Signal(const Signal&) = delete;
   Signal& operator=(const Signal&) = delete;
   Signal(Signal&&) = delete;
   Signal& operator=(Signal&&) = delete;
 
-  // Disconnects every slot (takes the mutex, so waits for a running emission). Destroying a signal
-  // from its own callback, or where the wait would close a lock cycle, raises inside this destructor
-  // and so terminates the process, as the header comment says.
+  /// Disconnects every slot (takes the mutex, so waits for a running emission). Destroying a signal
+  /// from its own callback, or where the wait would close a lock cycle, raises inside this destructor
+  /// and so terminates the process, as the file description says.
   ~Signal() { clear("Signal::~Signal"); }  // NOLINT(bugprone-exception-escape)
 
-  // Appends a copy of `callback` as the last slot, after erasing slots marked disconnected. Takes the
-  // mutex. On failure (allocation, or the callback's copy throws) nothing is appended. Throws
-  // std::system_error(resource_deadlock_would_occur) when called from this signal's callback or when
-  // waiting would close a cycle of threads.
+  /// Appends a copy of `callback` as the last slot, after erasing slots marked disconnected, and returns
+  /// its Connection. Takes the mutex, so it waits for a running emission; the new slot is not called by
+  /// an emission already running. On failure nothing is appended.
+  /// @throws std::system_error (resource_deadlock_would_occur) when called from this signal's callback
+  ///         or when waiting would close a cycle of threads waiting for each other's library locks.
+  /// @throws std::bad_alloc when the slot cannot be allocated; whatever the callback's copy throws.
   Connection connect(const Callback& callback) { return connectAs("Signal::connect", callback); }
 
-  // Takes the mutex and delivers `args` to the live slots (see deliver()). An exception from a callback
-  // ends the delivery and propagates with the mutex released. Throws std::system_error as connect() does.
+  /// Takes the mutex and delivers `args` to the live slots (see deliver()), on this thread. Allocates
+  /// nothing.
+  /// @throws std::system_error (resource_deadlock_would_occur) as connect() does; nothing is delivered.
+  /// @throws std::bad_function_call when the delivery reaches an empty callback. That exception, or one
+  ///         that a callback throws, ends the delivery and propagates with the mutex released.
   template <typename... A>
   void emit(A&&... args) {
     emitAs("Signal::emit", std::forward<A>(args)...);
   }
 
-  // connect() and emit() for owners that expose the signal through operations of their own: errors
-  // name `operation` (a string literal) instead.
+  /// connect() for owners that expose the signal through operations of their own: errors name
+  /// `operation` (a string literal) instead of "Signal::connect". Throws what connect() throws.
   Connection connectAs(const char* operation, const Callback& callback) {
     detail::TrackedLock lock(mutex_, operation);
     for (auto it = slots_.begin(); it != slots_.end();) {
@@ -255,17 +289,21 @@ class Signal {
     return Connection(slots_.back().second);
   }
 
+  /// emit() for owners that expose the signal through operations of their own: errors name
+  /// `operation` (a string literal) instead of "Signal::emit". Throws what emit() throws.
   template <typename... A>
   void emitAs(const char* operation, A&&... args) {
     detail::TrackedLock lock(mutex_, operation);
     deliver(std::forward<A>(args)...);
   }
 
-  // Walks the slots in order with the caller holding the mutex: erases disconnected entries, skips
-  // blocked ones, and invokes each live slot once. A live slot is invoked only after the walk has
-  // judged every entry up to the next live slot, so a flag change that a callback makes to that next
-  // slot (or to entries before it) takes effect at the next delivery. Every slot but the last live one
-  // receives copies of `args`; the last receives them forwarded. Allocates nothing.
+  /// Walks the slots in order with the caller holding the mutex (emit() does): erases disconnected
+  /// entries, skips blocked ones, and invokes each live slot once. A live slot is invoked only after the
+  /// walk has judged every entry up to the next live slot, so a flag change that a callback makes to
+  /// that next slot (or to entries before it) takes effect at the next delivery. Every slot but the
+  /// last live one receives copies of `args`; the last receives them forwarded. Allocates nothing.
+  /// @throws std::bad_function_call when it reaches an empty callback; whatever a callback throws.
+  ///         Either ends the walk; entries already erased stay erased.
   template <typename... A>
   void deliver(A&&... args) VANTOR_REQUIRES(mutex_) {
     auto pending = slots_.end();
@@ -284,8 +322,9 @@ class Signal {
     if (pending != slots_.end()) pending->first(std::forward<A>(args)...);
   }
 
-  // Erases every slot without reading flags or invoking callbacks; the signal stays usable. Takes the
-  // mutex. Throws std::system_error as connect() does.
+  /// Erases every slot without reading flags or invoking callbacks; the signal stays usable. Takes the
+  /// mutex, so it waits for a running emission.
+  /// @throws std::system_error (resource_deadlock_would_occur) as connect() does; nothing is erased.
   void disconnectAll() { clear("Signal::disconnectAll"); }
 
  private:
@@ -297,7 +336,9 @@ class Signal {
   }
 
   // Guards slots_ and every read of the slots' flags. Held while callbacks run, and while callback
-  // objects are copied and destroyed.
+  // objects are copied and destroyed. Lock order with the board's mutex (BoardData::mutex): a callback
+  // may take the board's mutex while this one is held; this mutex is taken under the board's only while
+  // the signal has no callbacks (a contract's constructor subscribing its own subscribers).
   detail::TrackedMutex mutex_;
   std::list<Slot> slots_ VANTOR_GUARDED_BY(mutex_);  // connection order, oldest first
 };
