@@ -97,28 +97,36 @@ std::string CyberSecurityContract::portKey(const std::string& address, int port)
   return fullKey;
 }
 
+// The connect operations take a signal's lock, which must never be taken under the board's: from a
+// getter or an initial delivery they are refused at once rather than when a cycle happens to close.
+template <typename Signal, typename Callback>
+tessel::Connection CyberSecurityContract::connectTo(Signal& signal, const Callback& callback, const char* operation) {
+  refuseUnderBoardLock(operation, signal.lockName());
+  return signal.connectAs(operation, callback);
+}
+
 void CyberSecurityContract::connectSecuredSignal(const FlagCallback& callback) {
-  securedSignal_.connectAs("CyberSecurityContract::connectSecuredSignal", callback);
+  connectTo(securedSignal_, callback, "CyberSecurityContract::connectSecuredSignal");
 }
 
 void CyberSecurityContract::connectNewCredentialsSignal(const FlagCallback& callback) {
-  newCredentialsSignal_.connectAs("CyberSecurityContract::connectNewCredentialsSignal", callback);
+  connectTo(newCredentialsSignal_, callback, "CyberSecurityContract::connectNewCredentialsSignal");
 }
 
 void CyberSecurityContract::connectSecurityTokenSignal(const TokenCallback& callback) {
-  securityTokenSignal_.connectAs("CyberSecurityContract::connectSecurityTokenSignal", callback);
+  connectTo(securityTokenSignal_, callback, "CyberSecurityContract::connectSecurityTokenSignal");
 }
 
 tessel::Connection CyberSecurityContract::connectSecuredSignalWithHandle(const FlagCallback& callback) {
-  return securedSignal_.connectAs("CyberSecurityContract::connectSecuredSignalWithHandle", callback);
+  return connectTo(securedSignal_, callback, "CyberSecurityContract::connectSecuredSignalWithHandle");
 }
 
 tessel::Connection CyberSecurityContract::connectNewCredentialsSignalWithHandle(const FlagCallback& callback) {
-  return newCredentialsSignal_.connectAs("CyberSecurityContract::connectNewCredentialsSignalWithHandle", callback);
+  return connectTo(newCredentialsSignal_, callback, "CyberSecurityContract::connectNewCredentialsSignalWithHandle");
 }
 
 tessel::Connection CyberSecurityContract::connectSecurityTokenSignalWithHandle(const TokenCallback& callback) {
-  return securityTokenSignal_.connectAs("CyberSecurityContract::connectSecurityTokenSignalWithHandle", callback);
+  return connectTo(securityTokenSignal_, callback, "CyberSecurityContract::connectSecurityTokenSignalWithHandle");
 }
 
 void CyberSecurityContract::updateSecured(bool secured) {

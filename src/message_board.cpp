@@ -1,6 +1,9 @@
 #include "vantor/messaging/message_board.hpp"
 
 #include <stdexcept>
+#include <string>
+#include <system_error>
+#include <thread>
 #include <type_traits>
 
 #include "vantor/messaging/contract.hpp"
@@ -61,6 +64,19 @@ Contract::~Contract() {  // NOLINT(bugprone-exception-escape)
   tessel::detail::TrackedLock lock(board.mutex, "Contract::~Contract", name_);
   eraseWithPrefix(board.getters, name_);
   eraseWithPrefix(board.subscribers, name_);
+}
+
+void Contract::refuseUnderBoardLock(const char* operation, const char* lockName) const {
+  const tessel::detail::TrackedMutex& mutex = data().mutex;
+  if (mutex.holder() != std::this_thread::get_id()) return;
+  std::string message(operation);
+  message.append(" would take ")
+      .append(lockName)
+      .append(" while this thread holds ")
+      .append(mutex.name())
+      .append(" (in a getter or an initial delivery): that order can close a lock cycle with any thread that "
+              "publishes from a signal's callback");
+  throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur), message);
 }
 
 std::string Contract::keyWithRoom(std::size_t topicSize) const {

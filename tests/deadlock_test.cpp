@@ -29,7 +29,7 @@ int deadlockErrors(const std::array<std::function<void()>, N>& bodies) {
       bodies[index]();
     } catch (const std::system_error& error) {
       EXPECT_EQ(error.code(), std::errc::resource_deadlock_would_occur) << error.what();
-      EXPECT_NE(std::string(error.what()).find("cycle of"), std::string::npos) << error.what();
+      EXPECT_NE(std::string(error.what()).find("cycle"), std::string::npos) << error.what();
       ++errors;
     }
   });
@@ -63,6 +63,8 @@ TEST(CyberSecurityContract, TwoSignalsPublishingIntoEachOtherFailOneThreadAndBot
   EXPECT_EQ(received, 2);
 }
 
+// Connecting under the board lock is refused at once (that order may close a cycle), so it is the
+// subscribing thread that fails, whichever thread would have closed the cycle.
 TEST(CyberSecurityContract, InitialDeliveryConnectingWhileASecuredCallbackPublishesFailsOneThread) {
   StartLine securedCallbackRuns(2), boardLockTaken(2);
   std::atomic<bool> armed{true};

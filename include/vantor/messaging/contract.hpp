@@ -178,6 +178,11 @@ class VANTOR_MESSAGE_BOARD_API Contract {
   // ---- the same operations on a full key that the caller has built, with errors naming `operation`
   // (a string literal): for derived contracts whose public operations build their keys in one step.
 
+  /// For derived contracts whose `operation` is about to take `lockName`, a lock that must never be
+  /// taken under the board's (a signal's): refuses when the calling thread holds the board's lock.
+  /// @throws std::system_error with std::errc::resource_deadlock_would_occur in that case.
+  void refuseUnderBoardLock(const char* operation, const char* lockName) const;
+
   /// `"name:"` with room for a topic of `topicSize` characters, to which the caller appends the topic.
   /// @throws std::bad_alloc when the key cannot be allocated.
   std::string keyWithRoom(std::size_t topicSize) const;

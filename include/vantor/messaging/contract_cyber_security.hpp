@@ -41,9 +41,9 @@
 /// that closes the cycle gets the same error instead of both hanging. A callback given to
 /// subscribeToIpPortAllowed runs outside the board lock for publications, but under it for the initial
 /// delivery of its subscription; during that initial delivery an operation that takes the board lock
-/// (updates, (un)subscriptions, isIpSecured while secured) throws the same error, and a connect
-/// operation is forbidden (it takes a signal's lock under the board's, the one order that may close a
-/// cycle). Cycles through a mutex of the host's own are not detected and still hang.
+/// (updates, (un)subscriptions, isIpSecured while secured) throws the same error, and so does a
+/// connect operation (it would take a signal's lock under the board's, the one order that may close a
+/// cycle), at once. Cycles through a mutex of the host's own are not detected and still hang.
 ///
 /// The security token: the contract wipes its copy of the token when it is replaced or cleared and
 /// when the contract is destroyed, and the board wipes the copies it reads through the getter. The
@@ -127,7 +127,8 @@ class VANTOR_MESSAGE_BOARD_API CyberSecurityContract final : public Contract {
   /// every later published secured flag, under the secured signal's mutex; earlier values are not
   /// replayed. Each call adds a slot.
   /// @throws std::system_error (resource_deadlock_would_occur) when called from a callback of this
-  ///         signal, or when waiting for its lock would close a lock cycle; nothing is connected.
+  ///         signal, from code that runs under the board lock (a getter, an initial delivery), or
+  ///         when waiting for its lock would close a lock cycle; nothing is connected.
   /// @throws std::bad_alloc when the slot cannot be allocated.
   void connectSecuredSignal(const FlagCallback& callback);
   /// Adds `callback` to the new-credentials signal for the contract's lifetime: it receives true at
@@ -232,6 +233,8 @@ class VANTOR_MESSAGE_BOARD_API CyberSecurityContract final : public Contract {
   CyberSecurityContract();
   ~CyberSecurityContract() override;
 
+  template <typename Signal, typename Callback>
+  tessel::Connection connectTo(Signal& signal, const Callback& callback, const char* operation);
   std::string topicKey(std::string_view topic) const;
   std::string addressKey(const std::string& address) const;
   std::string portKey(const std::string& address, int port) const;

@@ -322,6 +322,9 @@ class Signal {
     if (pending != slots_.end()) pending->first(std::forward<A>(args)...);
   }
 
+  /// The name of this signal's lock, as errors give it.
+  const char* lockName() const noexcept { return mutex_.name(); }
+
   /// Erases every slot without reading flags or invoking callbacks; the signal stays usable. Takes the
   /// mutex, so it waits for a running emission.
   /// @throws std::system_error (resource_deadlock_would_occur) as connect() does; nothing is erased.
