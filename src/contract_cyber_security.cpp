@@ -45,12 +45,11 @@ CyberSecurityContract& CyberSecurityContract::instance() {
 }
 
 CyberSecurityContract::CyberSecurityContract()
-    : Contract("CyberSecurity", /*purgeOnDestroy=*/true),
-      tcpPorts_{17161, 17168, 17171, 17172, 17175, 17176, 17178} {
+    : Contract("CyberSecurity", /*purgeOnDestroy=*/true), tcpPorts_{17161, 17168, 17171, 17172, 17175, 17176, 17178} {
   // Each subscriber holds only `this` and names the operation that publishes its topic, so that an
   // error raised by its signal's lock names that operation. The contract's own getters and
-  // subscribers are stored as the lambdas they are: copying one for a delivery is a plain copy. Should a later subscribe throw, the base
-  // destructor purges the ones already stored.
+  // subscribers are stored as the lambdas they are: copying one for a delivery is a plain copy. Should a later
+  // subscribe throw, the base destructor purges the ones already stored.
   subscribeKey<bool>(
       topicKey("Secured"),
       [this](const bool& secured) {
@@ -67,8 +66,7 @@ CyberSecurityContract::CyberSecurityContract()
       kInstance);
   subscribeKey<Token>(
       topicKey("SecurityToken"),
-      [this](const Token& token) { securityTokenSignal_.emitAs(kUpdateSecurityToken, token); },
-      kInstance);
+      [this](const Token& token) { securityTokenSignal_.emitAs(kUpdateSecurityToken, token); }, kInstance);
 }
 
 // Members go in reverse order (hooks, ports, the token once wiped, then the three signals, which drop
@@ -88,7 +86,7 @@ std::string CyberSecurityContract::addressKey(const std::string& address) const 
 }
 
 std::string CyberSecurityContract::portKey(const std::string& address, int port) const {
-  char digits[12];  // "-2147483648"
+  char digits[12];                                                                              // "-2147483648"
   const std::size_t length = std::to_chars(digits, digits + sizeof digits, port).ptr - digits;  // as "%d" prints
   std::string fullKey = keyWithRoom(3 + address.size() + 1 + length);
   fullKey.append("IP:", 3).append(address.data(), address.size());
@@ -131,10 +129,13 @@ tessel::Connection CyberSecurityContract::connectSecurityTokenSignalWithHandle(c
 
 void CyberSecurityContract::updateSecured(bool secured) {
   secured_.store(secured, std::memory_order_release);
-  publish<bool>(topicKey("Secured"), [this] { return secured_.load(std::memory_order_acquire); }, kUpdateSecured);
+  publish<bool>(
+      topicKey("Secured"), [this] { return secured_.load(std::memory_order_acquire); }, kUpdateSecured);
 }
 
-void CyberSecurityContract::updateAboutNewCreds() { notifyKey<bool>(topicKey("NewCredentials"), true, kUpdateAboutNewCreds); }
+void CyberSecurityContract::updateAboutNewCreds() {
+  notifyKey<bool>(topicKey("NewCredentials"), true, kUpdateAboutNewCreds);
+}
 
 void CyberSecurityContract::updateSecurityToken(const OptionalToken& token) {
   if (token) {
@@ -143,8 +144,8 @@ void CyberSecurityContract::updateSecurityToken(const OptionalToken& token) {
     wipe(securityToken_);  // a reset optional keeps its payload: clear the bytes first
     securityToken_ = boost::none;
   }
-  publish<Token>(topicKey("SecurityToken"), [this] { return securityToken_ ? *securityToken_ : Token{}; },
-                 kUpdateSecurityToken);
+  publish<Token>(
+      topicKey("SecurityToken"), [this] { return securityToken_ ? *securityToken_ : Token{}; }, kUpdateSecurityToken);
 }
 
 bool CyberSecurityContract::isSecured() const { return secured_.load(std::memory_order_acquire); }
@@ -152,13 +153,14 @@ bool CyberSecurityContract::isSecured() const { return secured_.load(std::memory
 const CyberSecurityContract::OptionalToken& CyberSecurityContract::getSecurityToken() const { return securityToken_; }
 
 void CyberSecurityContract::updateIpPortAllowed(const std::string& address, int port, bool allowed) {
-  publish<bool>(portKey(address, port), [allowed] { return allowed; },
-                "CyberSecurityContract::updateIpPortAllowed");
+  publish<bool>(
+      portKey(address, port), [allowed] { return allowed; }, "CyberSecurityContract::updateIpPortAllowed");
 }
 
 void CyberSecurityContract::updateIpAllPortsAllowed(const std::string& address, bool allowed) {
   static constexpr const char* kOperation = "CyberSecurityContract::updateIpAllPortsAllowed";
-  publish<bool>(addressKey(address), [allowed] { return allowed; }, kOperation);
+  publish<bool>(
+      addressKey(address), [allowed] { return allowed; }, kOperation);
   // The walk covers the list as it is now, on a copy: replacing the list meanwhile (from another
   // thread or from a callback of this walk) changes nothing for it.
   std::vector<int> ports;
@@ -167,7 +169,8 @@ void CyberSecurityContract::updateIpAllPortsAllowed(const std::string& address, 
     ports = tcpPorts_;
   }
   for (const int port : ports) {
-    publish<bool>(portKey(address, port), [allowed] { return allowed; }, kOperation);
+    publish<bool>(
+        portKey(address, port), [allowed] { return allowed; }, kOperation);
   }
 }
 

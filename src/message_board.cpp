@@ -74,8 +74,9 @@ void Contract::refuseUnderBoardLock(const char* operation, const char* lockName)
       .append(lockName)
       .append(" while this thread holds ")
       .append(mutex.name())
-      .append(" (in a getter or an initial delivery): that order can close a lock cycle with any thread that "
-              "publishes from a signal's callback");
+      .append(
+          " (in a getter or an initial delivery): that order can close a lock cycle with any thread that "
+          "publishes from a signal's callback");
   throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur), message);
 }
 

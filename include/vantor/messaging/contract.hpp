@@ -233,7 +233,7 @@ void Contract::publish(std::string fullKey, const G& getter, const char* operati
   tessel::detail::TrackedLock lock(board.mutex, operation, key.text);
   const auto [entry, inserted] = board.getters.try_emplace(std::move(key), std::move(stored));
   if (!inserted) entry->second = std::move(stored);  // the previous getter is destroyed here, under the lock
-  const detail::Wiped<T> value{getter()};           // std::bad_function_call for an empty getter, which stays stored
+  const detail::Wiped<T> value{getter()};            // std::bad_function_call for an empty getter, which stays stored
   const auto delivery = copySubscriber<T>(board, entry->first, operation);
   lock.unlock();
   if (delivery) delivery->template deliver<T>(value.value);  // std::bad_function_call for an empty subscriber

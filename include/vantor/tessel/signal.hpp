@@ -175,7 +175,8 @@ class ScopedConnection {
   ScopedConnection() noexcept = default;
   /// Takes ownership of `connection` (implicit, so that `ScopedConnection c = signal.connect(...)` reads
   /// naturally).
-  ScopedConnection(Connection connection) noexcept : connection_(std::move(connection)) {}  // NOLINT: implicit by design
+  ScopedConnection(Connection connection) noexcept
+      : connection_(std::move(connection)) {}  // NOLINT: implicit by design
 
   /// Takes over the connection of `other`, which is left owning none.
   ScopedConnection(ScopedConnection&& other) noexcept : connection_(other.release()) {}
@@ -211,8 +212,7 @@ class ConnectionBlocker {
   /// Blocks the slot of `connection` until this blocker is destroyed. A blocker made on a connection
   /// whose slot no longer exists (or that refers to none) does nothing.
   explicit ConnectionBlocker(Connection connection) noexcept
-      : connection_(std::move(connection)),
-        counted_(connection_.changeBlocking([](std::atomic<std::uint32_t>& blocks) {
+      : connection_(std::move(connection)), counted_(connection_.changeBlocking([](std::atomic<std::uint32_t>& blocks) {
           blocks.fetch_add(detail::SlotState::kOneBlocker);
         })) {}
   ConnectionBlocker(const ConnectionBlocker&) = delete;

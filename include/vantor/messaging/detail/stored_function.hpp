@@ -103,8 +103,7 @@ class StoredFunction {
   static constexpr std::size_t kAlign = alignof(std::function<void()>);
 
   template <typename F>
-  static constexpr bool kInPlace =
-      sizeof(F) <= kSize && alignof(F) <= kAlign && std::is_nothrow_move_constructible_v<F>;
+  static constexpr bool kInPlace = sizeof(F) <= kSize && alignof(F) <= kAlign&& std::is_nothrow_move_constructible_v<F>;
 
   struct Ops {
     void (*copy)(const void* from, void* to);
@@ -132,31 +131,30 @@ class StoredFunction {
   }
 
   template <typename F>
-  static constexpr Ops kOps{
-      [](const void* from, void* to) {
-        if constexpr (kInPlace<F>) {
-          ::new (to) F(target<F>(from));
-        } else {
-          *static_cast<F**>(to) = new F(target<F>(from));
-        }
-      },
-      [](void* from, void* to) noexcept {
-        if constexpr (kInPlace<F>) {
-          F& source = *std::launder(static_cast<F*>(from));
-          ::new (to) F(std::move(source));
-          source.~F();
-        } else {
-          *static_cast<F**>(to) = *static_cast<F**>(from);
-        }
-      },
-      [](void* self) noexcept {
-        if constexpr (kInPlace<F>) {
-          std::launder(static_cast<F*>(self))->~F();
-        } else {
-          delete *static_cast<F**>(self);
-        }
-      },
-      [](const void* self) noexcept { return isEmpty(target<F>(self)); }};
+  static constexpr Ops kOps{[](const void* from, void* to) {
+                              if constexpr (kInPlace<F>) {
+                                ::new (to) F(target<F>(from));
+                              } else {
+                                *static_cast<F**>(to) = new F(target<F>(from));
+                              }
+                            },
+                            [](void* from, void* to) noexcept {
+                              if constexpr (kInPlace<F>) {
+                                F& source = *std::launder(static_cast<F*>(from));
+                                ::new (to) F(std::move(source));
+                                source.~F();
+                              } else {
+                                *static_cast<F**>(to) = *static_cast<F**>(from);
+                              }
+                            },
+                            [](void* self) noexcept {
+                              if constexpr (kInPlace<F>) {
+                                std::launder(static_cast<F*>(self))->~F();
+                              } else {
+                                delete *static_cast<F**>(self);
+                              }
+                            },
+                            [](const void* self) noexcept { return isEmpty(target<F>(self)); }};
 
   template <typename T, typename F>
   static T callGetter(const void* buffer) {

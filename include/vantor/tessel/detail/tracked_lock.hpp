@@ -200,8 +200,9 @@ class VANTOR_SCOPED_CAPABILITY TrackedLock {
     std::string message = describe(operation, subject, mutex);
     message.append(", whose holder waits, through a cycle of ")
         .append(std::to_string(threads))
-        .append(" threads, for a lock this thread holds: the wait could never end, so this call fails and "
-                "the other threads go on");
+        .append(
+            " threads, for a lock this thread holds: the wait could never end, so this call fails and "
+            "the other threads go on");
     throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur), message);
   }
 
