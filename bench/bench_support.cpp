@@ -36,6 +36,8 @@ void release(void* block) noexcept {
   std::free(block);
 }
 
+int roundCount = 1;
+
 std::map<std::string, double>& figures() {
   static std::map<std::string, double> values;
   return values;
@@ -56,6 +58,24 @@ HeapWindow::HeapWindow() {
 HeapWindow::~HeapWindow() { counting.store(false, std::memory_order_seq_cst); }
 
 long long HeapWindow::bytes() const { return netBytes.load(std::memory_order_relaxed); }
+
+Group& Group::add(const std::string& name, Body body, Configure configure) {
+  members_.push_back(Member{name, std::move(body), std::move(configure)});
+  return *this;
+}
+
+void Group::registerRounds() const {
+  for (int round = 0; round < roundCount; ++round) {
+    for (const Member& member : members_) {
+      benchmark::internal::Benchmark* registered =
+          benchmark::RegisterBenchmark(member.name.c_str(), [body = member.body](benchmark::State& state) { body(state); });
+      if (member.configure) member.configure(registered);
+    }
+  }
+}
+
+void setRounds(int rounds) { roundCount = rounds < 1 ? 1 : rounds; }
+int rounds() { return roundCount; }
 
 void setFigure(const std::string& name, double value) { figures()[name] = value; }
 const std::map<std::string, double>& extraFigures() { return figures(); }

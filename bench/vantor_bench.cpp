@@ -9,18 +9,22 @@
 //  - the board holds about 100 other keys for every board case (see board_cases.cpp).
 //
 // Flags, besides Google Benchmark's own:
+//   --rounds=N          measure each group of compared benchmarks N times over, in turn (see Group in
+//                       bench_support.hpp); each figure is then the median over its rounds
 //   --ratios_out=FILE   also write the ratio table as tab-separated lines (section, label, value,
 //                       target, verdict, note), for scripts/bench.sh
 // Colour is off unless stdout is a terminal (--benchmark_color=true forces it). With
-// --benchmark_repetitions the ratios use the medians. The exit status is 1 when a benchmark reported
+// --benchmark_repetitions as well, the medians take in every repetition. The exit status is 1 when a benchmark reported
 // an error.
 
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <condition_variable>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iostream>
@@ -73,7 +77,8 @@ double nanosecondsPerUnit(benchmark::TimeUnit unit) {
 }
 
 // The console table, plus the time per iteration of every run that completed, by name: the median
-// when repetitions produce one, otherwise the latest run. Single-threaded cases count the CPU time of
+// of all the runs of that name (rounds and repetitions), or of their medians when only aggregates are
+// reported. Single-threaded cases count the CPU time of
 // their thread: on a shared machine the scheduler sometimes runs another process instead, which
 // inflates wall time but not CPU time. Cases that use real time (the multi-threaded ones, whose
 // threads sleep while they wait for a lock) count wall time.
@@ -112,9 +117,9 @@ class RatioReporter : public benchmark::ConsoleReporter {
       const double nanoseconds =
           (wallClock ? run.GetAdjustedRealTime() : run.GetAdjustedCPUTime()) * nanosecondsPerUnit(run.time_unit);
       if (run.run_type == Run::RT_Aggregate) {
-        if (run.aggregate_name == "median") medians_[name] = nanoseconds;
+        if (run.aggregate_name == "median") medians_[name].push_back(nanoseconds);
       } else {
-        latest_[name] = nanoseconds;
+        samples_[name].push_back(nanoseconds);
       }
     }
     ConsoleReporter::ReportRuns(runs);
@@ -122,8 +127,8 @@ class RatioReporter : public benchmark::ConsoleReporter {
 
   // The figure called `name`, or NAN when this run has none.
   double figure(const std::string& name) const {
-    if (const auto found = medians_.find(name); found != medians_.end()) return found->second;
-    if (const auto found = latest_.find(name); found != latest_.end()) return found->second;
+    if (const auto found = samples_.find(name); found != samples_.end()) return median(found->second);
+    if (const auto found = medians_.find(name); found != medians_.end()) return median(found->second);
     const auto& extra = extraFigures();
     if (const auto found = extra.find(name); found != extra.end()) return found->second;
     return NAN;
@@ -133,9 +138,15 @@ class RatioReporter : public benchmark::ConsoleReporter {
   int errors() const { return errors_; }
 
  private:
+  static double median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    const std::size_t middle = values.size() / 2;
+    return values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2.0;
+  }
+
   int errors_ = 0;
-  std::map<std::string, double> medians_;
-  std::map<std::string, double> latest_;
+  std::map<std::string, std::vector<double>> samples_;
+  std::map<std::string, std::vector<double>> medians_;
 };
 
 std::string formatValue(double value, const std::string& unit) {
@@ -205,12 +216,21 @@ int main(int argc, char** argv) {
   // Our own flags come out of argv before Google Benchmark sees it; colour is decided here because a
   // custom console reporter does not get Google Benchmark's choice.
   std::string ratiosOut;
+  int rounds = 1;
   bool listOnly = false;
   bool colour = isatty(STDOUT_FILENO) != 0;
   std::vector<char*> arguments;
   for (int i = 0; i < argc; ++i) {
     if (i > 0 && startsWith(argv[i], "--ratios_out=")) {
       ratiosOut = argv[i] + std::strlen("--ratios_out=");
+      continue;
+    }
+    if (i > 0 && startsWith(argv[i], "--rounds=")) {
+      rounds = std::atoi(argv[i] + std::strlen("--rounds="));
+      if (rounds < 1) {
+        std::fprintf(stderr, "vantor_bench: --rounds takes a count of 1 or more\n");
+        return 1;
+      }
       continue;
     }
     if (i > 0 && startsWith(argv[i], "--benchmark_color=")) {
@@ -236,6 +256,7 @@ int main(int argc, char** argv) {
   benchmark::Initialize(&count, arguments.data());
   if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) return 1;
 
+  setRounds(rounds);
   registerSignalBenchmarks();
   registerTrackedLockBenchmarks();
   registerBoardBenchmarks();
