@@ -260,16 +260,18 @@ struct CaseNames {
   std::string floor;
 };
 
-// Registers "<prefix>/vantor<suffix>" and "<prefix>/floor<suffix>" as one group and returns the names.
+// Registers "<prefix>/vantor<suffix>" and "<prefix>/floor<suffix>" as one group, or adds them to
+// `into` when given; returns the names.
 template <typename VantorSetup, typename VantorOperation, typename FloorSetup, typename FloorOperation>
 CaseNames registerRoundTrip(const std::string& prefix, const std::string& suffix, std::size_t otherKeys,
                             VantorSetup vantorSetup, VantorOperation vantor, FloorSetup floorSetup,
-                            FloorOperation floor) {
+                            FloorOperation floor, Group* into = nullptr) {
   CaseNames names{prefix + "/vantor" + suffix, prefix + "/floor" + suffix};
-  Group()
-      .add(names.vantor, makeCase(otherKeys, vantorSetup, vantor))
-      .add(names.floor, makeCase(otherKeys, floorSetup, floor))
-      .registerRounds();
+  Group own;
+  Group& group = into != nullptr ? *into : own;
+  group.add(names.vantor, makeCase(otherKeys, vantorSetup, vantor))
+      .add(names.floor, makeCase(otherKeys, floorSetup, floor));
+  if (into == nullptr) own.registerRounds();
   return names;
 }
 
@@ -296,9 +298,9 @@ void updateSecuredCases(std::size_t callbacks, const std::string& section) {
 }
 
 // updateIpPortAllowed on a pair without a listener. With `alone`, the setup first withdraws the pairs
-// other cases left on the board (for the scale cases).
+// other cases left on the board (for the scale cases, which also pass the group they join).
 CaseNames updateIpPortAllowedCases(const std::string& group, const std::string& suffix, std::size_t otherKeys,
-                                   bool alone) {
+                                   bool alone, Group* into = nullptr) {
   const auto setup = [alone](Scene& scene) -> const char* {
     if (alone) scene.withdrawCasePairs();
     scene.publishPair(kPlainAddress, kPort);
@@ -307,11 +309,13 @@ CaseNames updateIpPortAllowedCases(const std::string& group, const std::string& 
   return registerRoundTrip(
       group + "/updateIpPortAllowed", suffix, otherKeys, setup,
       [](Scene& scene) { scene.board.updateIpPortAllowed(kPlainAddress, kPort, true); }, setup,
-      [](Scene& scene) { benchmark::DoNotOptimize(scene.floor.roundTrip(portKey(kPlainAddress, kPort), true)); });
+      [](Scene& scene) { benchmark::DoNotOptimize(scene.floor.roundTrip(portKey(kPlainAddress, kPort), true)); },
+      into);
 }
 
 // isIpSecured while secured, on a published address; `alone` as above.
-CaseNames isIpSecuredCases(const std::string& group, const std::string& suffix, std::size_t otherKeys, bool alone) {
+CaseNames isIpSecuredCases(const std::string& group, const std::string& suffix, std::size_t otherKeys, bool alone,
+                           Group* into = nullptr) {
   const auto setup = [alone](Scene& scene) -> const char* {
     if (alone) scene.withdrawCasePairs();
     scene.secure();
@@ -321,7 +325,8 @@ CaseNames isIpSecuredCases(const std::string& group, const std::string& suffix, 
   return registerRoundTrip(
       group + "/isIpSecured", suffix, otherKeys, setup,
       [](Scene& scene) { benchmark::DoNotOptimize(scene.board.isIpSecured(kQueriedAddress)); }, setup,
-      [](Scene& scene) { benchmark::DoNotOptimize(scene.floor.roundTrip(addressKey(kQueriedAddress), true)); });
+      [](Scene& scene) { benchmark::DoNotOptimize(scene.floor.roundTrip(addressKey(kQueriedAddress), true)); },
+      into);
 }
 
 }  // namespace
@@ -445,13 +450,18 @@ void registerContentionBenchmarks() {
 // ---- the same round trips with 10, 10 000 and 1 000 000 other keys
 
 void registerScaleBenchmarks() {
-  // By size first, so that the board grows once to each size instead of refilling for every case.
+  // One group over all sizes, since its ratios compare sizes too: each round grows the board from 10
+  // to 1 000 000 keys, case by case in between, and the next round shrinks it back (a few seconds a
+  // round). Measuring each size in a block of its own let a burst of load elsewhere move a
+  // 10 000 / 10 ratio by half.
+  Group scale;
   std::map<std::string, std::map<std::size_t, CaseNames>> names;  // case, keys
   for (const std::size_t keys : kScaleKeys) {
     const std::string suffix = "/" + std::to_string(keys);
-    names["updateIpPortAllowed"][keys] = updateIpPortAllowedCases("scale", suffix, keys, true);
-    names["isIpSecured"][keys] = isIpSecuredCases("scale", suffix, keys, true);
+    names["updateIpPortAllowed"][keys] = updateIpPortAllowedCases("scale", suffix, keys, true, &scale);
+    names["isIpSecured"][keys] = isIpSecuredCases("scale", suffix, keys, true, &scale);
   }
+  scale.registerRounds();
 
   const std::string section = "Scale (other keys on the board, and in the floor's map)";
   const std::size_t smallest = kScaleKeys.front();

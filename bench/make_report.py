@@ -241,15 +241,16 @@ def main():
         "has callbacks; `updateIpAllPortsAllowed` (the address, then 7 ports) is compared with 8 floor round "
         "trips.",
         "- **Scale**: the other keys are distinct address keys published through `updateIpPortAllowed`; "
-        "the floor's map holds the same keys. A scale case first withdraws the pairs the other cases left, so "
+        "the floor's map holds the same keys. All sizes form one group, so each round grows the board from "
+        "10 to 1 000 000 keys and the next shrinks it back. A scale case first withdraws the pairs the other cases left, so "
         "besides the other keys a map holds only the case's own keys and a few of the contract's: at 10 other "
         "keys both maps stay at or under libstdc++'s 20-element threshold and are searched one key at a "
         "time. Each round trip hits the same key again and again, so "
         "its path stays in cache: the figures show what the size of the map costs a warm key (longer bucket "
         "walks, a larger heap), not cache misses on keys untouched for a while.",
         "- **Heap bytes per key**: a replaced global `operator new`/`delete` in the benchmark counts the net "
-        "`malloc_usable_size` of what the largest fill (to 1 000 000 keys) leaves allocated, divided by the "
-        "keys it added; the hash tables' bucket arrays are included.",
+        "`malloc_usable_size` of what the first fill from 10 000 to 1 000 000 keys leaves allocated, divided "
+        "by the keys it added; the hash tables' bucket arrays (grown by that fill) are included.",
         "- **Contention**: the time per operation over both threads (wall time divided by all operations "
         "done), against the same case on one thread: 0.5x would be perfect scaling, 1x fully serialised, "
         "above 1x the two threads slow each other down. With two cores shared by other users, a thread can "
