@@ -221,8 +221,10 @@ def main():
         "machine state. The ratios matter more than the absolute times on this shared machine.",
         "- **Rounds**: the benchmarks compared in a ratio form a group (say a round trip and its floor), and "
         "the group is measured in rounds: each member once, in turn, then again, so that both sides of a "
-        "ratio are sampled across the same stretch of time. Each figure is the median over its rounds, and "
-        "the spread below is the coefficient of variation across them. (Google Benchmark's own "
+        "ratio are sampled across the same stretch of time. The machine's speed changes from round to round "
+        "(by up to 1.8x in some runs, in CPU time too) but alike for both sides within a round, so each "
+        "ratio is the median of its per-round ratios. The times below are medians over the rounds, and the "
+        "spread is their coefficient of variation, which includes those changes. (Google Benchmark's own "
         "repetitions run back to back, so a burst of load from another user could fall on one side only; "
         "two runs made that way disagreed by up to 1.7x on the same ratio.)",
         "- **Time**: single-threaded cases count the CPU time of their thread, since on this shared machine "

@@ -10,7 +10,8 @@
 //
 // Flags, besides Google Benchmark's own:
 //   --rounds=N          measure each group of compared benchmarks N times over, in turn (see Group in
-//                       bench_support.hpp); each figure is then the median over its rounds
+//                       bench_support.hpp); each time is then the median over its rounds, and each
+//                       ratio the median of its per-round ratios
 //   --ratios_out=FILE   also write the ratio table as tab-separated lines (section, label, value,
 //                       target, verdict, note), for scripts/bench.sh
 // Colour is off unless stdout is a terminal (--benchmark_color=true forces it). With
@@ -134,16 +135,22 @@ class RatioReporter : public benchmark::ConsoleReporter {
     return NAN;
   }
 
-  // Runs that ended in an error (Google Benchmark prints each one in the table).
-  int errors() const { return errors_; }
+  // Every sample of `name` in the order measured (one per round and repetition), or none.
+  std::vector<double> samples(const std::string& name) const {
+    const auto found = samples_.find(name);
+    return found == samples_.end() ? std::vector<double>() : found->second;
+  }
 
- private:
   static double median(std::vector<double> values) {
     std::sort(values.begin(), values.end());
     const std::size_t middle = values.size() / 2;
     return values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2.0;
   }
 
+  // Runs that ended in an error (Google Benchmark prints each one in the table).
+  int errors() const { return errors_; }
+
+ private:
   int errors_ = 0;
   std::map<std::string, std::vector<double>> samples_;
   std::map<std::string, std::vector<double>> medians_;
@@ -179,7 +186,24 @@ int printRatios(const RatioReporter& reporter, std::ostream* tsv) {
     const double denominator = spec.denominator.empty() ? 1.0 : reporter.figure(spec.denominator);
     if (!std::isfinite(numerator) || !std::isfinite(denominator)) continue;
     if (!spec.difference && !(denominator > 0.0)) continue;
-    const double value = spec.difference ? numerator - denominator : numerator / denominator;
+    double value = spec.difference ? numerator - denominator : numerator / denominator;
+    // With rounds, both sides were measured once per round, close together. The machine's speed
+    // changes from one round to another (other users' load), and within a round it changes both
+    // sides alike, so the median of the per-round ratios cancels it where a ratio of medians may
+    // pair a fast round with a slow one.
+    const std::vector<double> top = reporter.samples(spec.numerator);
+    const std::vector<double> bottom = spec.denominator.empty() ? std::vector<double>() : reporter.samples(spec.denominator);
+    if (top.size() > 1 && top.size() == bottom.size()) {
+      std::vector<double> perRound;
+      for (std::size_t round = 0; round < top.size(); ++round) {
+        if (spec.difference) {
+          perRound.push_back(top[round] - bottom[round]);
+        } else if (bottom[round] > 0.0) {
+          perRound.push_back(top[round] / bottom[round]);
+        }
+      }
+      if (!perRound.empty()) value = RatioReporter::median(perRound);
+    }
     const bool met = spec.goal == Goal::AtMost ? value <= spec.limit : value >= spec.limit;
     const std::string verdict = spec.goal == Goal::None ? "" : (met ? "meets" : "MISSES");
     const std::string target = formatTarget(spec);
