@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds the release preset and runs vantor_bench, the library's one benchmark program.
 #
-#   bash scripts/bench.sh          full run, about 3 minutes on a 2-core machine: writes
+#   bash scripts/bench.sh          full run, about 4 minutes on a 2-core machine: writes
 #                                  docs/benchmarks.md and its two charts (docs/benchmarks-*.png)
 #   bash scripts/bench.sh --smoke  builds and runs every benchmark once, for a moment each, and writes
 #                                  nothing (for CI); fails when the build or a benchmark fails
