@@ -43,8 +43,8 @@ std::map<std::string, double>& figures() {
   return values;
 }
 
-std::vector<RatioSpec>& specs() {
-  static std::vector<RatioSpec> values;
+std::vector<RatioLine>& lines() {
+  static std::vector<RatioLine> values;
   return values;
 }
 
@@ -82,19 +82,19 @@ const std::map<std::string, double>& extraFigures() { return figures(); }
 
 void addRatio(const std::string& section, const std::string& label, const std::string& numerator,
               const std::string& denominator, Goal goal, double limit, const std::string& note) {
-  specs().push_back(RatioSpec{section, label, numerator, denominator, goal, limit, note, "x", false});
+  lines().push_back(RatioLine{section, label, numerator, denominator, goal, limit, note, "x", false});
 }
 
 void addDifference(const std::string& section, const std::string& label, const std::string& minuend,
                    const std::string& subtrahend, const std::string& unit) {
-  specs().push_back(RatioSpec{section, label, minuend, subtrahend, Goal::None, 0.0, "", unit, true});
+  lines().push_back(RatioLine{section, label, minuend, subtrahend, Goal::None, 0.0, "", unit, true});
 }
 
 void addValue(const std::string& section, const std::string& label, const std::string& figure,
               const std::string& unit) {
-  specs().push_back(RatioSpec{section, label, figure, "", Goal::None, 0.0, "", unit, false});
+  lines().push_back(RatioLine{section, label, figure, "", Goal::None, 0.0, "", unit, false});
 }
-const std::vector<RatioSpec>& ratioSpecs() { return specs(); }
+const std::vector<RatioLine>& ratioLines() { return lines(); }
 
 }  // namespace vantor_bench
 

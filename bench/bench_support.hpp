@@ -81,7 +81,7 @@ enum class Goal { None, AtMost, AtLeast };
 // One line of the final table: numerator / denominator (or numerator - denominator, or the numerator
 // alone when the denominator is empty). Printed only when every figure it names exists in this run,
 // since a filter may leave one out.
-struct RatioSpec {
+struct RatioLine {
   std::string section;
   std::string label;
   std::string numerator;
@@ -100,7 +100,7 @@ void addDifference(const std::string& section, const std::string& label, const s
                    const std::string& subtrahend, const std::string& unit);
 void addValue(const std::string& section, const std::string& label, const std::string& figure,
               const std::string& unit);
-const std::vector<RatioSpec>& ratioSpecs();
+const std::vector<RatioLine>& ratioLines();
 
 // Registration of the cases, called by main in this order, which is also the order they run in.
 void registerSignalBenchmarks();

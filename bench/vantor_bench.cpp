@@ -168,11 +168,11 @@ std::string formatValue(double value, const std::string& unit) {
   return text;
 }
 
-std::string formatTarget(const RatioSpec& spec) {
-  if (spec.goal == Goal::None) return "";
+std::string formatTarget(const RatioLine& ratio) {
+  if (ratio.goal == Goal::None) return "";
   char text[64];
-  std::snprintf(text, sizeof text, "%s %.2g%s", spec.goal == Goal::AtMost ? "<=" : ">=", spec.limit,
-                spec.unit == "x" ? "x" : "");
+  std::snprintf(text, sizeof text, "%s %.2g%s", ratio.goal == Goal::AtMost ? "<=" : ">=", ratio.limit,
+                ratio.unit == "x" ? "x" : "");
   return text;
 }
 
@@ -181,22 +181,22 @@ int printRatios(const RatioReporter& reporter, std::ostream* tsv) {
   std::printf("\nRatios (same run; below 1 means the first named is faster):\n");
   std::string section;
   int printed = 0;
-  for (const RatioSpec& spec : ratioSpecs()) {
-    const double numerator = reporter.figure(spec.numerator);
-    const double denominator = spec.denominator.empty() ? 1.0 : reporter.figure(spec.denominator);
+  for (const RatioLine& ratio : ratioLines()) {
+    const double numerator = reporter.figure(ratio.numerator);
+    const double denominator = ratio.denominator.empty() ? 1.0 : reporter.figure(ratio.denominator);
     if (!std::isfinite(numerator) || !std::isfinite(denominator)) continue;
-    if (!spec.difference && !(denominator > 0.0)) continue;
-    double value = spec.difference ? numerator - denominator : numerator / denominator;
+    if (!ratio.difference && !(denominator > 0.0)) continue;
+    double value = ratio.difference ? numerator - denominator : numerator / denominator;
     // With rounds, both sides were measured once per round, close together. The machine's speed
     // changes from one round to another (other users' load), and within a round it changes both
     // sides alike, so the median of the per-round ratios cancels it where a ratio of medians may
     // pair a fast round with a slow one.
-    const std::vector<double> top = reporter.samples(spec.numerator);
-    const std::vector<double> bottom = spec.denominator.empty() ? std::vector<double>() : reporter.samples(spec.denominator);
+    const std::vector<double> top = reporter.samples(ratio.numerator);
+    const std::vector<double> bottom = ratio.denominator.empty() ? std::vector<double>() : reporter.samples(ratio.denominator);
     if (top.size() > 1 && top.size() == bottom.size()) {
       std::vector<double> perRound;
       for (std::size_t round = 0; round < top.size(); ++round) {
-        if (spec.difference) {
+        if (ratio.difference) {
           perRound.push_back(top[round] - bottom[round]);
         } else if (bottom[round] > 0.0) {
           perRound.push_back(top[round] / bottom[round]);
@@ -204,20 +204,20 @@ int printRatios(const RatioReporter& reporter, std::ostream* tsv) {
       }
       if (!perRound.empty()) value = RatioReporter::median(perRound);
     }
-    const bool met = spec.goal == Goal::AtMost ? value <= spec.limit : value >= spec.limit;
-    const std::string verdict = spec.goal == Goal::None ? "" : (met ? "meets" : "MISSES");
-    const std::string target = formatTarget(spec);
-    if (spec.section != section) {
-      section = spec.section;
+    const bool met = ratio.goal == Goal::AtMost ? value <= ratio.limit : value >= ratio.limit;
+    const std::string verdict = ratio.goal == Goal::None ? "" : (met ? "meets" : "MISSES");
+    const std::string target = formatTarget(ratio);
+    if (ratio.section != section) {
+      section = ratio.section;
       std::printf("  %s\n", section.c_str());
     }
-    std::string line = "    " + spec.label + ": " + formatValue(value, spec.unit);
+    std::string line = "    " + ratio.label + ": " + formatValue(value, ratio.unit);
     if (!target.empty()) line += "   (target " + target + ": " + verdict + ")";
-    if (!spec.note.empty()) line += "   [" + spec.note + "]";
+    if (!ratio.note.empty()) line += "   [" + ratio.note + "]";
     std::printf("%s\n", line.c_str());
     if (tsv != nullptr) {
-      *tsv << spec.section << '\t' << spec.label << '\t' << formatValue(value, spec.unit) << '\t' << target << '\t'
-           << verdict << '\t' << spec.note << '\n';
+      *tsv << ratio.section << '\t' << ratio.label << '\t' << formatValue(value, ratio.unit) << '\t' << target << '\t'
+           << verdict << '\t' << ratio.note << '\n';
     }
     ++printed;
   }
