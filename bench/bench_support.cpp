@@ -36,13 +36,15 @@ void release(void* block) noexcept {
   std::free(block);
 }
 
+int roundCount = 1;
+
 std::map<std::string, double>& figures() {
   static std::map<std::string, double> values;
   return values;
 }
 
-std::vector<RatioSpec>& specs() {
-  static std::vector<RatioSpec> values;
+std::vector<RatioLine>& lines() {
+  static std::vector<RatioLine> values;
   return values;
 }
 
@@ -57,24 +59,42 @@ HeapWindow::~HeapWindow() { counting.store(false, std::memory_order_seq_cst); }
 
 long long HeapWindow::bytes() const { return netBytes.load(std::memory_order_relaxed); }
 
+Group& Group::add(const std::string& name, Body body, Configure configure) {
+  members_.push_back(Member{name, std::move(body), std::move(configure)});
+  return *this;
+}
+
+void Group::registerRounds() const {
+  for (int round = 0; round < roundCount; ++round) {
+    for (const Member& member : members_) {
+      benchmark::internal::Benchmark* registered =
+          benchmark::RegisterBenchmark(member.name.c_str(), [body = member.body](benchmark::State& state) { body(state); });
+      if (member.configure) member.configure(registered);
+    }
+  }
+}
+
+void setRounds(int rounds) { roundCount = rounds < 1 ? 1 : rounds; }
+int rounds() { return roundCount; }
+
 void setFigure(const std::string& name, double value) { figures()[name] = value; }
 const std::map<std::string, double>& extraFigures() { return figures(); }
 
 void addRatio(const std::string& section, const std::string& label, const std::string& numerator,
               const std::string& denominator, Goal goal, double limit, const std::string& note) {
-  specs().push_back(RatioSpec{section, label, numerator, denominator, goal, limit, note, "x", false});
+  lines().push_back(RatioLine{section, label, numerator, denominator, goal, limit, note, "x", false});
 }
 
 void addDifference(const std::string& section, const std::string& label, const std::string& minuend,
                    const std::string& subtrahend, const std::string& unit) {
-  specs().push_back(RatioSpec{section, label, minuend, subtrahend, Goal::None, 0.0, "", unit, true});
+  lines().push_back(RatioLine{section, label, minuend, subtrahend, Goal::None, 0.0, "", unit, true});
 }
 
 void addValue(const std::string& section, const std::string& label, const std::string& figure,
               const std::string& unit) {
-  specs().push_back(RatioSpec{section, label, figure, "", Goal::None, 0.0, "", unit, false});
+  lines().push_back(RatioLine{section, label, figure, "", Goal::None, 0.0, "", unit, false});
 }
-const std::vector<RatioSpec>& ratioSpecs() { return specs(); }
+const std::vector<RatioLine>& ratioLines() { return lines(); }
 
 }  // namespace vantor_bench
 

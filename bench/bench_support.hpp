@@ -7,7 +7,10 @@
 // (ratios, extra figures) are filled while benchmarks are registered or run one at a time; they take
 // no lock.
 
+#include <benchmark/benchmark.h>
+
 #include <cstddef>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -37,9 +40,37 @@ class HeapWindow {
   long long bytes() const;
 };
 
+// ---- rounds
+
+// Benchmarks that are compared with one another. Google Benchmark runs the repetitions of one
+// benchmark back to back, so on a shared machine a burst of load from elsewhere can fall on one side
+// of a ratio only. A Group instead registers each of its members once per round, in turn, for
+// rounds() rounds: every round measures all sides close together in time, and each figure is the
+// median over its rounds.
+class Group {
+ public:
+  using Body = std::function<void(benchmark::State&)>;
+  using Configure = std::function<void(benchmark::internal::Benchmark*)>;
+
+  Group& add(const std::string& name, Body body, Configure configure = nullptr);
+  void registerRounds() const;
+
+ private:
+  struct Member {
+    std::string name;
+    Body body;
+    Configure configure;
+  };
+  std::vector<Member> members_;
+};
+
+// How many rounds each Group registers (--rounds=N; 1 by default). Set before registering.
+void setRounds(int rounds);
+int rounds();
+
 // ---- figures and ratios -----------------------------------------------------------------------
 
-// A figure is a number with a name: the median real time per iteration (in ns) of a benchmark, named
+// A figure is a number with a name: the median time per iteration (in ns) of a benchmark, named
 // as Google Benchmark names it (e.g. "emit/vantor/8"), or a figure a benchmark records itself through
 // setFigure (e.g. heap bytes per stored key).
 void setFigure(const std::string& name, double value);
@@ -50,7 +81,7 @@ enum class Goal { None, AtMost, AtLeast };
 // One line of the final table: numerator / denominator (or numerator - denominator, or the numerator
 // alone when the denominator is empty). Printed only when every figure it names exists in this run,
 // since a filter may leave one out.
-struct RatioSpec {
+struct RatioLine {
   std::string section;
   std::string label;
   std::string numerator;
@@ -69,7 +100,7 @@ void addDifference(const std::string& section, const std::string& label, const s
                    const std::string& subtrahend, const std::string& unit);
 void addValue(const std::string& section, const std::string& label, const std::string& figure,
               const std::string& unit);
-const std::vector<RatioSpec>& ratioSpecs();
+const std::vector<RatioLine>& ratioLines();
 
 // Registration of the cases, called by main in this order, which is also the order they run in.
 void registerSignalBenchmarks();

@@ -251,11 +251,11 @@ const char* const kTooManyCallbacks =
     "more secured callbacks are connected than this case needs (they cannot be disconnected): run it in "
     "a fresh process, before the cases that connect more";
 
-// Registers one case: brings the scene to `otherKeys` other keys, runs `setup` (a non-null result is
-// an error message), then times `operation`.
+// One case: brings the scene to `otherKeys` other keys, runs `setup` (a non-null result is an error
+// message), then times `operation`.
 template <typename Setup, typename Operation>
-void registerCase(const std::string& name, std::size_t otherKeys, Setup setup, Operation operation) {
-  benchmark::RegisterBenchmark(name.c_str(), [=](benchmark::State& state) {
+Group::Body makeCase(std::size_t otherKeys, Setup setup, Operation operation) {
+  return [=](benchmark::State& state) {
     Scene& scene = Scene::instance();
     scene.setOtherKeys(otherKeys);
     if (const char* error = setup(scene)) {
@@ -263,86 +263,103 @@ void registerCase(const std::string& name, std::size_t otherKeys, Setup setup, O
       return;
     }
     for (auto _ : state) operation(scene);
-  });
+  };
+}
+
+struct CaseNames {
+  std::string vantor;
+  std::string floor;
+};
+
+// Registers "<prefix>/vantor<suffix>" and "<prefix>/floor<suffix>" as one group, or adds them to
+// `into` when given; returns the names.
+template <typename VantorSetup, typename VantorOperation, typename FloorSetup, typename FloorOperation>
+CaseNames registerRoundTrip(const std::string& prefix, const std::string& suffix, std::size_t otherKeys,
+                            VantorSetup vantorSetup, VantorOperation vantor, FloorSetup floorSetup,
+                            FloorOperation floor, Group* into = nullptr) {
+  CaseNames names{prefix + "/vantor" + suffix, prefix + "/floor" + suffix};
+  Group own;
+  Group& group = into != nullptr ? *into : own;
+  group.add(names.vantor, makeCase(otherKeys, vantorSetup, vantor))
+      .add(names.floor, makeCase(otherKeys, floorSetup, floor));
+  if (into == nullptr) own.registerRounds();
+  return names;
 }
 
 // For the two publications whose callbacks run under their signal's lock: a floor that takes that
-// second lock too, and the ratio against it (the lock costs about a third of the plain floor by itself).
-void addSignalLockFloor(const std::string& section, const std::string& name, const char* key,
-                        std::function<void(Scene&)> store) {
-  registerCase(
-      "board/" + name + "/floor_signal_lock", kHostKeys,
-      [store](Scene& scene) -> const char* {
-        store(scene);
-        return nullptr;
-      },
-      [key](Scene& scene) { benchmark::DoNotOptimize(scene.floor.roundTripUnderSecondLock(std::string(key), true)); });
-  addRatio(section, name + ": vantor / floor with a signal's lock", "board/" + name + "/vantor",
-           "board/" + name + "/floor_signal_lock", Goal::AtMost, 1.3);
+// second lock too, measured in turn with the round trip and its plain floor, and the ratio against it
+// (an uncontended lock and unlock alone costs about a third of the plain floor).
+void addSignalLockFloor(Group& group, const std::string& section, const std::string& name, const CaseNames& names,
+                        const char* key, std::function<void(Scene&)> store) {
+  const std::string floorName = "board/" + name + "/floor_signal_lock";
+  group.add(floorName, makeCase(
+                           kHostKeys,
+                           [store](Scene& scene) -> const char* {
+                             store(scene);
+                             return nullptr;
+                           },
+                           [key](Scene& scene) {
+                             benchmark::DoNotOptimize(scene.floor.roundTripUnderSecondLock(std::string(key), true));
+                           }));
+  group.registerRounds();
+  addRatio(section, name + ": vantor / floor with a signal's lock", names.vantor, floorName, Goal::AtMost, 1.3);
 }
 
 // A round trip's ratio: vantor / floor, at most 1.3.
-void addRoundTripRatio(const std::string& section, const std::string& label, const std::string& vantor,
-                       const std::string& floor) {
-  addRatio(section, label + ": vantor / floor", vantor, floor, Goal::AtMost, 1.3);
+void addRoundTripRatio(const std::string& section, const std::string& label, const CaseNames& names) {
+  addRatio(section, label + ": vantor / floor", names.vantor, names.floor, Goal::AtMost, 1.3);
 }
 
 void updateSecuredCases(std::size_t callbacks, const std::string& section) {
   const std::string name =
       "updateSecured_" + std::to_string(callbacks) + (callbacks == 1 ? "_callback" : "_callbacks");
-  registerCase(
-      "board/" + name + "/vantor", kHostKeys,
+  Group group;
+  const CaseNames names = registerRoundTrip(
+      "board/" + name, "", kHostKeys,
       [callbacks](Scene& scene) -> const char* {
         return scene.connectSecuredCallbacks(callbacks) ? nullptr : kTooManyCallbacks;
       },
-      [](Scene& scene) { scene.board.updateSecured(true); });
-  registerCase(
-      "board/" + name + "/floor", kHostKeys,
+      [](Scene& scene) { scene.board.updateSecured(true); },
       [callbacks](Scene& scene) -> const char* {
         scene.storeFanOut(kSecuredKey, callbacks);
         return nullptr;
       },
-      [](Scene& scene) { benchmark::DoNotOptimize(scene.floor.roundTrip(std::string(kSecuredKey), true)); });
-  addRoundTripRatio(section, name, "board/" + name + "/vantor", "board/" + name + "/floor");
-  addSignalLockFloor(section, name, kSecuredKey, [callbacks](Scene& scene) { scene.storeFanOut(kSecuredKey, callbacks); });
+      [](Scene& scene) { benchmark::DoNotOptimize(scene.floor.roundTrip(std::string(kSecuredKey), true)); }, &group);
+  addRoundTripRatio(section, name, names);
+  addSignalLockFloor(group, section, name, names, kSecuredKey,
+                     [callbacks](Scene& scene) { scene.storeFanOut(kSecuredKey, callbacks); });
 }
 
-// Registers "<group>/updateIpPortAllowed/vantor<suffix>" and its floor; returns the two names.
-// With `alone`, the setup first withdraws the pairs other cases left on the board.
-std::pair<std::string, std::string> updateIpPortAllowedCases(const std::string& group, const std::string& suffix,
-                                                             std::size_t otherKeys, bool alone) {
+// updateIpPortAllowed on a pair without a listener. With `alone`, the setup first withdraws the pairs
+// other cases left on the board (for the scale cases, which also pass the group they join).
+CaseNames updateIpPortAllowedCases(const std::string& group, const std::string& suffix, std::size_t otherKeys,
+                                   bool alone, Group* into = nullptr) {
   const auto setup = [alone](Scene& scene) -> const char* {
     if (alone) scene.withdrawCasePairs();
     scene.publishPair(kPlainAddress, kPort);
     return nullptr;
   };
-  std::pair<std::string, std::string> names{group + "/updateIpPortAllowed/vantor" + suffix,
-                                            group + "/updateIpPortAllowed/floor" + suffix};
-  registerCase(names.first, otherKeys, setup,
-               [](Scene& scene) { scene.board.updateIpPortAllowed(kPlainAddress, kPort, true); });
-  registerCase(names.second, otherKeys, setup, [](Scene& scene) {
-    benchmark::DoNotOptimize(scene.floor.roundTrip(portKey(kPlainAddress, kPort), true));
-  });
-  return names;
+  return registerRoundTrip(
+      group + "/updateIpPortAllowed", suffix, otherKeys, setup,
+      [](Scene& scene) { scene.board.updateIpPortAllowed(kPlainAddress, kPort, true); }, setup,
+      [](Scene& scene) { benchmark::DoNotOptimize(scene.floor.roundTrip(portKey(kPlainAddress, kPort), true)); },
+      into);
 }
 
-// Registers "<group>/isIpSecured/vantor<suffix>" and its floor; returns the two names.
-std::pair<std::string, std::string> isIpSecuredCases(const std::string& group, const std::string& suffix,
-                                                     std::size_t otherKeys, bool alone) {
+// isIpSecured while secured, on a published address; `alone` as above.
+CaseNames isIpSecuredCases(const std::string& group, const std::string& suffix, std::size_t otherKeys, bool alone,
+                           Group* into = nullptr) {
   const auto setup = [alone](Scene& scene) -> const char* {
     if (alone) scene.withdrawCasePairs();
     scene.secure();
     scene.publishAllPorts(kQueriedAddress);
     return nullptr;
   };
-  std::pair<std::string, std::string> names{group + "/isIpSecured/vantor" + suffix,
-                                            group + "/isIpSecured/floor" + suffix};
-  registerCase(names.first, otherKeys, setup,
-               [](Scene& scene) { benchmark::DoNotOptimize(scene.board.isIpSecured(kQueriedAddress)); });
-  registerCase(names.second, otherKeys, setup, [](Scene& scene) {
-    benchmark::DoNotOptimize(scene.floor.roundTrip(addressKey(kQueriedAddress), true));
-  });
-  return names;
+  return registerRoundTrip(
+      group + "/isIpSecured", suffix, otherKeys, setup,
+      [](Scene& scene) { benchmark::DoNotOptimize(scene.board.isIpSecured(kQueriedAddress)); }, setup,
+      [](Scene& scene) { benchmark::DoNotOptimize(scene.floor.roundTrip(addressKey(kQueriedAddress), true)); },
+      into);
 }
 
 }  // namespace
@@ -353,102 +370,113 @@ void registerBoardBenchmarks() {
   updateSecuredCases(1, section);
   updateSecuredCases(8, section);
 
-  {
-    const auto names = updateIpPortAllowedCases("board", "", kHostKeys, false);
-    addRoundTripRatio(section, "updateIpPortAllowed", names.first, names.second);
-  }
+  addRoundTripRatio(section, "updateIpPortAllowed", updateIpPortAllowedCases("board", "", kHostKeys, false));
 
   {
     const auto setup = [](Scene& scene) -> const char* {
       scene.listenToPair(kListenedAddress, kPort);
       return nullptr;
     };
-    registerCase("board/updateIpPortAllowed_listened/vantor", kHostKeys, setup,
-                 [](Scene& scene) { scene.board.updateIpPortAllowed(kListenedAddress, kPort, true); });
-    registerCase("board/updateIpPortAllowed_listened/floor", kHostKeys, setup, [](Scene& scene) {
-      benchmark::DoNotOptimize(scene.floor.roundTrip(portKey(kListenedAddress, kPort), true));
-    });
-    addRoundTripRatio(section, "updateIpPortAllowed_listened", "board/updateIpPortAllowed_listened/vantor", "board/updateIpPortAllowed_listened/floor");
+    addRoundTripRatio(
+        section, "updateIpPortAllowed_listened",
+        registerRoundTrip(
+            "board/updateIpPortAllowed_listened", "", kHostKeys, setup,
+            [](Scene& scene) { scene.board.updateIpPortAllowed(kListenedAddress, kPort, true); }, setup,
+            [](Scene& scene) {
+              benchmark::DoNotOptimize(scene.floor.roundTrip(portKey(kListenedAddress, kPort), true));
+            }));
   }
   {
     const auto setup = [](Scene& scene) -> const char* {
       scene.publishPair(kSubscribedAddress, kPort);
       return nullptr;
     };
-    registerCase("board/subscribeToIpPortAllowed/vantor", kHostKeys, setup, [](Scene& scene) {
-      scene.board.subscribeToIpPortAllowed(kSubscribedAddress, kPort, scene.callback());
-    });
-    registerCase("board/subscribeToIpPortAllowed/floor", kHostKeys, setup, [](Scene& scene) {
-      benchmark::DoNotOptimize(scene.floor.roundTrip(portKey(kSubscribedAddress, kPort), true));
-    });
-    addRoundTripRatio(section, "subscribeToIpPortAllowed", "board/subscribeToIpPortAllowed/vantor", "board/subscribeToIpPortAllowed/floor");
+    addRoundTripRatio(
+        section, "subscribeToIpPortAllowed",
+        registerRoundTrip(
+            "board/subscribeToIpPortAllowed", "", kHostKeys, setup,
+            [](Scene& scene) { scene.board.subscribeToIpPortAllowed(kSubscribedAddress, kPort, scene.callback()); },
+            setup,
+            [](Scene& scene) {
+              benchmark::DoNotOptimize(scene.floor.roundTrip(portKey(kSubscribedAddress, kPort), true));
+            }));
   }
+
+  addRoundTripRatio(section, "isIpSecured (secured)", isIpSecuredCases("board", "", kHostKeys, false));
 
   {
-    const auto names = isIpSecuredCases("board", "", kHostKeys, false);
-    addRoundTripRatio(section, "isIpSecured (secured)", names.first, names.second);
+    Group group;
+    const CaseNames names = registerRoundTrip(
+        "board/updateAboutNewCreds", "", kHostKeys,
+        [](Scene& scene) -> const char* {
+          scene.connectNewCredentialsCallback();
+          return nullptr;
+        },
+        [](Scene& scene) { scene.board.updateAboutNewCreds(); },
+        [](Scene& scene) -> const char* {
+          scene.storeFanOut(kNewCredentialsKey, 1);
+          return nullptr;
+        },
+        [](Scene& scene) { benchmark::DoNotOptimize(scene.floor.roundTrip(std::string(kNewCredentialsKey), true)); },
+        &group);
+    addRoundTripRatio(section, "updateAboutNewCreds", names);
+    addSignalLockFloor(group, section, "updateAboutNewCreds", names, kNewCredentialsKey,
+                       [](Scene& scene) { scene.storeFanOut(kNewCredentialsKey, 1); });
   }
-
-  registerCase(
-      "board/updateAboutNewCreds/vantor", kHostKeys,
-      [](Scene& scene) -> const char* {
-        scene.connectNewCredentialsCallback();
-        return nullptr;
-      },
-      [](Scene& scene) { scene.board.updateAboutNewCreds(); });
-  registerCase(
-      "board/updateAboutNewCreds/floor", kHostKeys,
-      [](Scene& scene) -> const char* {
-        scene.storeFanOut(kNewCredentialsKey, 1);
-        return nullptr;
-      },
-      [](Scene& scene) { benchmark::DoNotOptimize(scene.floor.roundTrip(std::string(kNewCredentialsKey), true)); });
-  addRoundTripRatio(section, "updateAboutNewCreds", "board/updateAboutNewCreds/vantor", "board/updateAboutNewCreds/floor");
-  addSignalLockFloor(section, "updateAboutNewCreds", kNewCredentialsKey,
-                     [](Scene& scene) { scene.storeFanOut(kNewCredentialsKey, 1); });
 
   {
     const auto setup = [](Scene& scene) -> const char* {
       scene.publishAllPorts(kAllPortsAddress);
       return nullptr;
     };
-    registerCase("board/updateIpAllPortsAllowed/vantor", kHostKeys, setup,
-                 [](Scene& scene) { scene.board.updateIpAllPortsAllowed(kAllPortsAddress, true); });
-    // The board publishes the address, then each of the 7 ports: 8 round trips.
-    registerCase("board/updateIpAllPortsAllowed/floor", kHostKeys, setup, [](Scene& scene) {
-      benchmark::DoNotOptimize(scene.floor.roundTrip(addressKey(kAllPortsAddress), true));
-      for (const int port : kDefaultPorts) {
-        benchmark::DoNotOptimize(scene.floor.roundTrip(portKey(kAllPortsAddress, port), true));
-      }
-    });
-    addRatio(section, "updateIpAllPortsAllowed (7 ports): vantor / 8 floor round trips",
-              "board/updateIpAllPortsAllowed/vantor", "board/updateIpAllPortsAllowed/floor", Goal::AtMost, 1.3);
+    // The board publishes the address, then each of the 7 ports: 8 floor round trips.
+    const CaseNames names = registerRoundTrip(
+        "board/updateIpAllPortsAllowed", "", kHostKeys, setup,
+        [](Scene& scene) { scene.board.updateIpAllPortsAllowed(kAllPortsAddress, true); }, setup,
+        [](Scene& scene) {
+          benchmark::DoNotOptimize(scene.floor.roundTrip(addressKey(kAllPortsAddress), true));
+          for (const int port : kDefaultPorts) {
+            benchmark::DoNotOptimize(scene.floor.roundTrip(portKey(kAllPortsAddress, port), true));
+          }
+        });
+    addRatio(section, "updateIpAllPortsAllowed (7 ports): vantor / 8 floor round trips", names.vantor, names.floor,
+             Goal::AtMost, 1.3);
   }
 }
 
 // ---- two threads against one
 
 void registerContentionBenchmarks() {
-  const auto publish = [](benchmark::State& state, bool sameKey) {
-    Scene& scene = Scene::instance();
-    if (state.thread_index() == 0) {  // the other thread waits at the start of the loop
-      scene.setOtherKeys(kHostKeys);
-      for (const std::string& address : kContendedAddresses) scene.publishPair(address, kPort);
-    }
-    const std::string& address = kContendedAddresses[sameKey ? 0 : static_cast<std::size_t>(state.thread_index())];
-    for (auto _ : state) scene.board.updateIpPortAllowed(address, kPort, true);
+  const auto oneAndTwoThreads = [](benchmark::internal::Benchmark* benchmark) {
+    benchmark->Threads(1)->Threads(2)->UseRealTime();
   };
-  benchmark::RegisterBenchmark("contention/publish_distinct_keys", publish, false)->Threads(1)->Threads(2)->UseRealTime();
-  benchmark::RegisterBenchmark("contention/publish_same_key", publish, true)->Threads(1)->Threads(2)->UseRealTime();
-  benchmark::RegisterBenchmark("contention/emit_one_signal", [](benchmark::State& state) {
-    static long count = 0;  // written only under the signal's mutex
-    static vantor::tessel::Signal<bool> signal;
-    static const vantor::tessel::Connection connection = signal.connect(CountTrue{&count});
-    bool value = true;
-    for (auto _ : state) signal.emit(value);
-  })->Threads(1)->Threads(2)->UseRealTime();
+  const auto publish = [](bool sameKey) {
+    return [sameKey](benchmark::State& state) {
+      Scene& scene = Scene::instance();
+      if (state.thread_index() == 0) {  // the other thread waits at the start of the loop
+        scene.setOtherKeys(kHostKeys);
+        for (const std::string& address : kContendedAddresses) scene.publishPair(address, kPort);
+      }
+      const std::string& address = kContendedAddresses[sameKey ? 0 : static_cast<std::size_t>(state.thread_index())];
+      for (auto _ : state) scene.board.updateIpPortAllowed(address, kPort, true);
+    };
+  };
+  Group().add("contention/publish_distinct_keys", publish(false), oneAndTwoThreads).registerRounds();
+  Group().add("contention/publish_same_key", publish(true), oneAndTwoThreads).registerRounds();
+  Group()
+      .add("contention/emit_one_signal",
+           [](benchmark::State& state) {
+             static long count = 0;  // written only under the signal's mutex
+             static vantor::tessel::Signal<bool> signal;
+             static const vantor::tessel::Connection connection = signal.connect(CountTrue{&count});
+             bool value = true;
+             for (auto _ : state) signal.emit(value);
+           },
+           oneAndTwoThreads)
+      .registerRounds();
 
-  const std::string section = "Contention (time per operation over both threads; 0.5 = perfect scaling, 1 = serialised)";
+  const std::string section =
+      "Contention (time per operation over both threads; 0.5 = perfect scaling, 1 = serialised)";
   for (const char* name : {"publish_distinct_keys", "publish_same_key", "emit_one_signal"}) {
     const std::string base = std::string("contention/") + name + "/real_time/threads:";
     addRatio(section, std::string(name) + ": 2 threads / 1 thread", base + "2", base + "1");
@@ -458,26 +486,31 @@ void registerContentionBenchmarks() {
 // ---- the same round trips with 10, 10 000 and 1 000 000 other keys
 
 void registerScaleBenchmarks() {
-  // By size first, so that the board grows once to each size instead of refilling for every case.
-  std::map<std::string, std::map<std::size_t, std::pair<std::string, std::string>>> names;  // case, keys
+  // One group over all sizes, since its ratios compare sizes too: each round grows the board from 10
+  // to 1 000 000 keys, case by case in between, and the next round shrinks it back (a few seconds a
+  // round). Measuring each size in a block of its own let a burst of load elsewhere move a
+  // 10 000 / 10 ratio by half.
+  Group scale;
+  std::map<std::string, std::map<std::size_t, CaseNames>> names;  // case, keys
   for (const std::size_t keys : kScaleKeys) {
     const std::string suffix = "/" + std::to_string(keys);
-    names["updateIpPortAllowed"][keys] = updateIpPortAllowedCases("scale", suffix, keys, true);
-    names["isIpSecured"][keys] = isIpSecuredCases("scale", suffix, keys, true);
+    names["updateIpPortAllowed"][keys] = updateIpPortAllowedCases("scale", suffix, keys, true, &scale);
+    names["isIpSecured"][keys] = isIpSecuredCases("scale", suffix, keys, true, &scale);
   }
+  scale.registerRounds();
 
   const std::string section = "Scale (other keys on the board, and in the floor's map)";
   const std::size_t smallest = kScaleKeys.front();
   for (const auto& [name, bySize] : names) {
     for (const auto& [keys, pair] : bySize) {
-      addRoundTripRatio(section, name + " with " + std::to_string(keys) + " keys", pair.first, pair.second);
+      addRoundTripRatio(section, name + " with " + std::to_string(keys) + " keys", pair);
     }
     for (const auto& [keys, pair] : bySize) {
       if (keys == smallest) continue;
       const std::string label = name + ", " + std::to_string(keys) + " keys / " + std::to_string(smallest) + " keys";
-      addRatio(section, label + ": vantor", pair.first, bySize.at(smallest).first, Goal::AtMost, 1.5);
-      addRatio(section, label + ": floor", pair.second, bySize.at(smallest).second, Goal::None, 0.0,
-                "reference: what the hash map alone costs");
+      addRatio(section, label + ": vantor", pair.vantor, bySize.at(smallest).vantor, Goal::AtMost, 1.5);
+      addRatio(section, label + ": floor", pair.floor, bySize.at(smallest).floor, Goal::None, 0.0,
+               "reference: what the hash map alone costs");
     }
   }
 

@@ -17,8 +17,9 @@ set ylabel "ns per emission"
 set logscale xy
 set xtics ("1" 1, "8" 8, "64" 64)
 set xrange [0.8:80]
-set yrange [*:*]
-set format y "%g"
+set autoscale yfix
+set offsets 0, 0, graph 0.06, graph 0.06
+set ytics ("10" 10, "20" 20, "50" 50, "100" 100, "200" 200, "500" 500, "1000" 1000, "2000" 2000, "5000" 5000, "10000" 10000)
 plot datadir."/emission.dat" using 1:2 title "vantor Signal" with linespoints lw 3 pt 7 ps 1.4 lc rgb "#1f5fbf", \
      ''                      using 1:3 title "floor: vector of std::function under a mutex" with linespoints dt 2 pt 5 lc rgb "#333333", \
      ''                      using 1:4 title "Boost.Signals2" with linespoints pt 9 lc rgb "#c0392b", \
@@ -27,6 +28,9 @@ plot datadir."/emission.dat" using 1:2 title "vantor Signal" with linespoints lw
 # ---- board round trip against the number of other keys, board and floor map; keys logarithmic,
 # ---- time linear from zero so that a flat line reads as flat
 unset logscale
+unset offsets
+set autoscale y
+set ytics auto
 set output keys_png
 set title "Board round trip with other keys on the board (median; lower is better)"
 set xlabel "other keys on the board (and in the floor's map)"
@@ -35,6 +39,7 @@ set logscale x
 set xtics ("10" 10, "10 000" 10000, "1 000 000" 1000000)
 set xrange [5:2000000]
 set yrange [0:*]
+set key bottom right
 plot datadir."/board-keys.dat" using 1:2 title "updateIpPortAllowed: vantor" with linespoints lw 3 pt 7 ps 1.4 lc rgb "#1f5fbf", \
      ''                         using 1:3 title "updateIpPortAllowed: floor map" with linespoints dt 2 pt 6 ps 1.4 lc rgb "#1f5fbf", \
      ''                         using 1:4 title "isIpSecured: vantor" with linespoints lw 3 pt 5 ps 1.4 lc rgb "#d35400", \

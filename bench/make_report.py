@@ -13,6 +13,7 @@ import json
 import os
 import platform
 import re
+import statistics
 import subprocess
 from collections import OrderedDict
 
@@ -79,24 +80,31 @@ def git_description():
 
 
 def load_medians(results):
-    """Median and coefficient of variation of the time per iteration, in ns, by run name: CPU time of
-    the benchmark's thread, or wall time for the cases that ask for real time (as vantor_bench does)."""
-    medians, spreads, repetitions = OrderedDict(), {}, 1
+    """Median and coefficient of variation of the time per iteration, in ns, by run name, over every
+    run of that name (rounds and repetitions); from the medians alone when only aggregates were written.
+    The time is the CPU time of the benchmark's thread, or wall time for the cases that ask for real
+    time, as vantor_bench counts it. Also returns how many runs a name had at most."""
     scale = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}
+    samples, aggregate_medians = OrderedDict(), OrderedDict()
     for entry in results["benchmarks"]:
         if entry.get("error_occurred"):
             continue
         name = entry.get("run_name", entry["name"])
         clock = "real_time" if "/real_time" in name else "cpu_time"
+        value = entry[clock] * scale[entry["time_unit"]]
         if entry.get("run_type") == "aggregate":
-            repetitions = max(repetitions, entry.get("repetitions", 1))
             if entry["aggregate_name"] == "median":
-                medians[name] = entry[clock] * scale[entry["time_unit"]]
-            elif entry["aggregate_name"] == "cv":
-                spreads[name] = entry[clock]
-        elif name not in medians:
-            medians[name] = entry[clock] * scale[entry["time_unit"]]
-    return medians, spreads, repetitions
+                aggregate_medians.setdefault(name, []).append(value)
+        else:
+            samples.setdefault(name, []).append(value)
+    medians, spreads = OrderedDict(), {}
+    for name in list(samples) + [name for name in aggregate_medians if name not in samples]:
+        values = samples.get(name) or aggregate_medians[name]
+        medians[name] = statistics.median(values)
+        if name in samples and len(values) > 1:
+            spreads[name] = statistics.stdev(values) / statistics.mean(values)
+    runs = max([len(values) for values in samples.values()] + [1])
+    return medians, spreads, runs
 
 
 def load_ratios(path):
@@ -156,7 +164,7 @@ def time_tables(medians, spreads):
         if not rows:
             continue
         lines += [f"**{markdown_escape(GROUP_TITLES.get(group, group))}**", "",
-                  "| Benchmark | Median | Spread (CV) |", "|---|---:|---:|"]
+                  "| Benchmark | Median | Spread (CV over rounds) |", "|---|---:|---:|"]
         for name, value in rows:
             spread = spreads.get(name)
             shown_spread = f"{spread * 100:.1f} %" if spread is not None else ""
@@ -181,7 +189,7 @@ def main():
     with open(arguments.json, encoding="utf-8") as source:
         results = json.load(source)
     context = results["context"]
-    medians, spreads, repetitions = load_medians(results)
+    medians, spreads, runs = load_medians(results)
     sections = load_ratios(arguments.ratios)
     write_chart_data(medians, arguments.data_dir)
 
@@ -204,13 +212,21 @@ def main():
         f"| Compiler | {markdown_escape(compiler_version(arguments.build_dir))}, `release` preset (-O3, NDEBUG) |",
         f"| Libraries | Google Benchmark {package_version('libbenchmark-dev')} (Debian), "
         f"Boost {package_version('libboost-dev')}, libsigc++ {package_version('libsigc++-3.0-dev')} |",
-        f"| Run | {repetitions} repetitions of at least {arguments.min_time} s per benchmark; "
-        f"medians of the time per iteration; {arguments.seconds} s in all |",
+        f"| Run | {runs} rounds of at least {arguments.min_time} s per benchmark; medians of the time "
+        f"per iteration; {arguments.seconds} s in all |",
         "",
         "## How it measures",
         "",
         "- One process runs every benchmark, so each figure has its baseline measured beside it on the same "
         "machine state. The ratios matter more than the absolute times on this shared machine.",
+        "- **Rounds**: the benchmarks compared in a ratio form a group (say a round trip and its floor), and "
+        "the group is measured in rounds: each member once, in turn, then again, so that both sides of a "
+        "ratio are sampled across the same stretch of time. The machine's speed changes from round to round "
+        "(by up to 1.8x in some runs, in CPU time too) but alike for both sides within a round, so each "
+        "ratio is the median of its per-round ratios. The times below are medians over the rounds, and the "
+        "spread is their coefficient of variation, which includes those changes. (Google Benchmark's own "
+        "repetitions run back to back, so a burst of load from another user could fall on one side only; "
+        "two runs made that way disagreed by up to 1.7x on the same ratio.)",
         "- **Time**: single-threaded cases count the CPU time of their thread, since on this shared machine "
         "the scheduler now and then runs another process instead, which inflates wall time but not CPU time. "
         "The two-thread cases count wall time, since a thread that waits for a lock sleeps.",
@@ -227,15 +243,16 @@ def main():
         "has callbacks; `updateIpAllPortsAllowed` (the address, then 7 ports) is compared with 8 floor round "
         "trips.",
         "- **Scale**: the other keys are distinct address keys published through `updateIpPortAllowed`; "
-        "the floor's map holds the same keys. A scale case first withdraws the pairs the other cases left, so "
+        "the floor's map holds the same keys. All sizes form one group, so each round grows the board from "
+        "10 to 1 000 000 keys and the next shrinks it back. A scale case first withdraws the pairs the other cases left, so "
         "besides the other keys a map holds only the case's own keys and a few of the contract's: at 10 other "
         "keys both maps stay at or under libstdc++'s 20-element threshold and are searched one key at a "
         "time. Each round trip hits the same key again and again, so "
         "its path stays in cache: the figures show what the size of the map costs a warm key (longer bucket "
         "walks, a larger heap), not cache misses on keys untouched for a while.",
         "- **Heap bytes per key**: a replaced global `operator new`/`delete` in the benchmark counts the net "
-        "`malloc_usable_size` of what the largest fill (to 1 000 000 keys) leaves allocated, divided by the "
-        "keys it added; the hash tables' bucket arrays are included.",
+        "`malloc_usable_size` of what the first fill from 10 000 to 1 000 000 keys leaves allocated, divided "
+        "by the keys it added; the hash tables' bucket arrays (grown by that fill) are included.",
         "- **Contention**: the time per operation over both threads (wall time divided by all operations "
         "done), against the same case on one thread: 0.5x would be perfect scaling, 1x fully serialised, "
         "above 1x the two threads slow each other down. With two cores shared by other users, a thread can "

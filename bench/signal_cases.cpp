@@ -102,31 +102,33 @@ void connectDisconnectFloor(benchmark::State& state) {
 }  // namespace
 
 void registerSignalBenchmarks() {
-  const auto withSlots = [](benchmark::internal::Benchmark* benchmark) {
-    for (const int slots : kSlotCounts) benchmark->Arg(slots);
-  };
-  withSlots(benchmark::RegisterBenchmark("emit/vantor", emitVantor));
-  withSlots(benchmark::RegisterBenchmark("emit/floor", emitFloor));
-  withSlots(benchmark::RegisterBenchmark("emit/boost_signals2", emitBoost));
+  for (const int slots : kSlotCounts) {
+    const auto withSlots = [slots](benchmark::internal::Benchmark* benchmark) { benchmark->Arg(slots); };
+    Group emission;
+    emission.add("emit/vantor", emitVantor, withSlots)
+        .add("emit/floor", emitFloor, withSlots)
+        .add("emit/boost_signals2", emitBoost, withSlots);
 #if VANTOR_MESSAGE_BOARD_BENCH_SIGCPP
-  withSlots(benchmark::RegisterBenchmark("emit/sigc3_unlocked", emitSigc));
+    emission.add("emit/sigc3_unlocked", emitSigc, withSlots);
 #endif
-  benchmark::RegisterBenchmark("connect_disconnect/vantor", connectDisconnectVantor);
-  benchmark::RegisterBenchmark("connect_disconnect/floor", connectDisconnectFloor);
+    emission.registerRounds();
+  }
+  Group().add("connect_disconnect/vantor", connectDisconnectVantor)
+      .add("connect_disconnect/floor", connectDisconnectFloor)
+      .registerRounds();
 
   for (const int slots : kSlotCounts) {
     const std::string suffix = "/" + std::to_string(slots);
     const std::string what = std::to_string(slots) + (slots == 1 ? " slot" : " slots");
     const std::string section = "Emission, Signal<bool>::emit";
-    addRatio(section, "vantor / floor, " + what, "emit/vantor" + suffix, "emit/floor" + suffix, Goal::AtMost,
-              1.1);
+    addRatio(section, "vantor / floor, " + what, "emit/vantor" + suffix, "emit/floor" + suffix, Goal::AtMost, 1.1);
     addRatio(section, "Boost.Signals2 / vantor, " + what, "emit/boost_signals2" + suffix, "emit/vantor" + suffix,
-              Goal::AtLeast, 5.0);
+             Goal::AtLeast, 5.0);
     addRatio(section, "sigc++ 3 / vantor, " + what, "emit/sigc3_unlocked" + suffix, "emit/vantor" + suffix,
-              Goal::None, 0.0, "sigc++ is not thread-safe: it takes no lock");
+             Goal::None, 0.0, "sigc++ is not thread-safe: it takes no lock");
   }
   addRatio("Connection", "connect + disconnect: vantor / floor", "connect_disconnect/vantor",
-            "connect_disconnect/floor");
+           "connect_disconnect/floor");
 }
 
 }  // namespace vantor_bench

@@ -37,10 +37,12 @@ void trackedLock(benchmark::State& state) {
 }  // namespace
 
 void registerTrackedLockBenchmarks() {
-  benchmark::RegisterBenchmark("lock/std_lock_guard", lockGuard);
+  Group locks;
+  locks.add("lock/std_lock_guard", lockGuard);
 #ifdef VANTOR_BENCH_TRACKED_LOCK
-  benchmark::RegisterBenchmark("lock/tracked_lock", trackedLock);
+  locks.add("lock/tracked_lock", trackedLock);
 #endif
+  locks.registerRounds();
   addDifference("Self-deadlock check", "TrackedLock - std::lock_guard, per lock and unlock", "lock/tracked_lock",
                 "lock/std_lock_guard", "ns");
   addRatio("Self-deadlock check", "TrackedLock / std::lock_guard", "lock/tracked_lock", "lock/std_lock_guard");

@@ -9,18 +9,23 @@
 //  - the board holds about 100 other keys for every board case (see board_cases.cpp).
 //
 // Flags, besides Google Benchmark's own:
+//   --rounds=N          measure each group of compared benchmarks N times over, in turn (see Group in
+//                       bench_support.hpp); each time is then the median over its rounds, and each
+//                       ratio the median of its per-round ratios
 //   --ratios_out=FILE   also write the ratio table as tab-separated lines (section, label, value,
 //                       target, verdict, note), for scripts/bench.sh
 // Colour is off unless stdout is a terminal (--benchmark_color=true forces it). With
-// --benchmark_repetitions the ratios use the medians. The exit status is 1 when a benchmark reported
+// --benchmark_repetitions as well, the medians take in every repetition. The exit status is 1 when a benchmark reported
 // an error.
 
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <condition_variable>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iostream>
@@ -73,7 +78,8 @@ double nanosecondsPerUnit(benchmark::TimeUnit unit) {
 }
 
 // The console table, plus the time per iteration of every run that completed, by name: the median
-// when repetitions produce one, otherwise the latest run. Single-threaded cases count the CPU time of
+// of all the runs of that name (rounds and repetitions), or of their medians when only aggregates are
+// reported. Single-threaded cases count the CPU time of
 // their thread: on a shared machine the scheduler sometimes runs another process instead, which
 // inflates wall time but not CPU time. Cases that use real time (the multi-threaded ones, whose
 // threads sleep while they wait for a lock) count wall time.
@@ -112,9 +118,9 @@ class RatioReporter : public benchmark::ConsoleReporter {
       const double nanoseconds =
           (wallClock ? run.GetAdjustedRealTime() : run.GetAdjustedCPUTime()) * nanosecondsPerUnit(run.time_unit);
       if (run.run_type == Run::RT_Aggregate) {
-        if (run.aggregate_name == "median") medians_[name] = nanoseconds;
+        if (run.aggregate_name == "median") medians_[name].push_back(nanoseconds);
       } else {
-        latest_[name] = nanoseconds;
+        samples_[name].push_back(nanoseconds);
       }
     }
     ConsoleReporter::ReportRuns(runs);
@@ -122,11 +128,23 @@ class RatioReporter : public benchmark::ConsoleReporter {
 
   // The figure called `name`, or NAN when this run has none.
   double figure(const std::string& name) const {
-    if (const auto found = medians_.find(name); found != medians_.end()) return found->second;
-    if (const auto found = latest_.find(name); found != latest_.end()) return found->second;
+    if (const auto found = samples_.find(name); found != samples_.end()) return median(found->second);
+    if (const auto found = medians_.find(name); found != medians_.end()) return median(found->second);
     const auto& extra = extraFigures();
     if (const auto found = extra.find(name); found != extra.end()) return found->second;
     return NAN;
+  }
+
+  // Every sample of `name` in the order measured (one per round and repetition), or none.
+  std::vector<double> samples(const std::string& name) const {
+    const auto found = samples_.find(name);
+    return found == samples_.end() ? std::vector<double>() : found->second;
+  }
+
+  static double median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    const std::size_t middle = values.size() / 2;
+    return values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2.0;
   }
 
   // Runs that ended in an error (Google Benchmark prints each one in the table).
@@ -134,8 +152,8 @@ class RatioReporter : public benchmark::ConsoleReporter {
 
  private:
   int errors_ = 0;
-  std::map<std::string, double> medians_;
-  std::map<std::string, double> latest_;
+  std::map<std::string, std::vector<double>> samples_;
+  std::map<std::string, std::vector<double>> medians_;
 };
 
 std::string formatValue(double value, const std::string& unit) {
@@ -150,11 +168,11 @@ std::string formatValue(double value, const std::string& unit) {
   return text;
 }
 
-std::string formatTarget(const RatioSpec& spec) {
-  if (spec.goal == Goal::None) return "";
+std::string formatTarget(const RatioLine& ratio) {
+  if (ratio.goal == Goal::None) return "";
   char text[64];
-  std::snprintf(text, sizeof text, "%s %.2g%s", spec.goal == Goal::AtMost ? "<=" : ">=", spec.limit,
-                spec.unit == "x" ? "x" : "");
+  std::snprintf(text, sizeof text, "%s %.2g%s", ratio.goal == Goal::AtMost ? "<=" : ">=", ratio.limit,
+                ratio.unit == "x" ? "x" : "");
   return text;
 }
 
@@ -163,26 +181,43 @@ int printRatios(const RatioReporter& reporter, std::ostream* tsv) {
   std::printf("\nRatios (same run; below 1 means the first named is faster):\n");
   std::string section;
   int printed = 0;
-  for (const RatioSpec& spec : ratioSpecs()) {
-    const double numerator = reporter.figure(spec.numerator);
-    const double denominator = spec.denominator.empty() ? 1.0 : reporter.figure(spec.denominator);
+  for (const RatioLine& ratio : ratioLines()) {
+    const double numerator = reporter.figure(ratio.numerator);
+    const double denominator = ratio.denominator.empty() ? 1.0 : reporter.figure(ratio.denominator);
     if (!std::isfinite(numerator) || !std::isfinite(denominator)) continue;
-    if (!spec.difference && !(denominator > 0.0)) continue;
-    const double value = spec.difference ? numerator - denominator : numerator / denominator;
-    const bool met = spec.goal == Goal::AtMost ? value <= spec.limit : value >= spec.limit;
-    const std::string verdict = spec.goal == Goal::None ? "" : (met ? "meets" : "MISSES");
-    const std::string target = formatTarget(spec);
-    if (spec.section != section) {
-      section = spec.section;
+    if (!ratio.difference && !(denominator > 0.0)) continue;
+    double value = ratio.difference ? numerator - denominator : numerator / denominator;
+    // With rounds, both sides were measured once per round, close together. The machine's speed
+    // changes from one round to another (other users' load), and within a round it changes both
+    // sides alike, so the median of the per-round ratios cancels it where a ratio of medians may
+    // pair a fast round with a slow one.
+    const std::vector<double> top = reporter.samples(ratio.numerator);
+    const std::vector<double> bottom = ratio.denominator.empty() ? std::vector<double>() : reporter.samples(ratio.denominator);
+    if (top.size() > 1 && top.size() == bottom.size()) {
+      std::vector<double> perRound;
+      for (std::size_t round = 0; round < top.size(); ++round) {
+        if (ratio.difference) {
+          perRound.push_back(top[round] - bottom[round]);
+        } else if (bottom[round] > 0.0) {
+          perRound.push_back(top[round] / bottom[round]);
+        }
+      }
+      if (!perRound.empty()) value = RatioReporter::median(perRound);
+    }
+    const bool met = ratio.goal == Goal::AtMost ? value <= ratio.limit : value >= ratio.limit;
+    const std::string verdict = ratio.goal == Goal::None ? "" : (met ? "meets" : "MISSES");
+    const std::string target = formatTarget(ratio);
+    if (ratio.section != section) {
+      section = ratio.section;
       std::printf("  %s\n", section.c_str());
     }
-    std::string line = "    " + spec.label + ": " + formatValue(value, spec.unit);
+    std::string line = "    " + ratio.label + ": " + formatValue(value, ratio.unit);
     if (!target.empty()) line += "   (target " + target + ": " + verdict + ")";
-    if (!spec.note.empty()) line += "   [" + spec.note + "]";
+    if (!ratio.note.empty()) line += "   [" + ratio.note + "]";
     std::printf("%s\n", line.c_str());
     if (tsv != nullptr) {
-      *tsv << spec.section << '\t' << spec.label << '\t' << formatValue(value, spec.unit) << '\t' << target << '\t'
-           << verdict << '\t' << spec.note << '\n';
+      *tsv << ratio.section << '\t' << ratio.label << '\t' << formatValue(value, ratio.unit) << '\t' << target << '\t'
+           << verdict << '\t' << ratio.note << '\n';
     }
     ++printed;
   }
@@ -205,12 +240,21 @@ int main(int argc, char** argv) {
   // Our own flags come out of argv before Google Benchmark sees it; colour is decided here because a
   // custom console reporter does not get Google Benchmark's choice.
   std::string ratiosOut;
+  int rounds = 1;
   bool listOnly = false;
   bool colour = isatty(STDOUT_FILENO) != 0;
   std::vector<char*> arguments;
   for (int i = 0; i < argc; ++i) {
     if (i > 0 && startsWith(argv[i], "--ratios_out=")) {
       ratiosOut = argv[i] + std::strlen("--ratios_out=");
+      continue;
+    }
+    if (i > 0 && startsWith(argv[i], "--rounds=")) {
+      rounds = std::atoi(argv[i] + std::strlen("--rounds="));
+      if (rounds < 1) {
+        std::fprintf(stderr, "vantor_bench: --rounds takes a count of 1 or more\n");
+        return 1;
+      }
       continue;
     }
     if (i > 0 && startsWith(argv[i], "--benchmark_color=")) {
@@ -236,6 +280,7 @@ int main(int argc, char** argv) {
   benchmark::Initialize(&count, arguments.data());
   if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) return 1;
 
+  setRounds(rounds);
   registerSignalBenchmarks();
   registerTrackedLockBenchmarks();
   registerBoardBenchmarks();

@@ -1,13 +1,14 @@
 #!/usr/bin/env bash
 # Builds the release preset and runs vantor_bench, the library's one benchmark program.
 #
-#   bash scripts/bench.sh          full run, about 3 minutes on a 2-core machine: writes
+#   bash scripts/bench.sh          full run, about 4 minutes on a 2-core machine: writes
 #                                  docs/benchmarks.md and its two charts (docs/benchmarks-*.png)
 #   bash scripts/bench.sh --smoke  builds and runs every benchmark once, for a moment each, and writes
 #                                  nothing (for CI); fails when the build or a benchmark fails
 #
-# Environment: BENCH_REPETITIONS (default 9) and BENCH_MIN_TIME (seconds per repetition, default 0.2)
-# set the length of the full run. The raw results stay in build/release/bench-results/.
+# Environment: BENCH_ROUNDS (default 9) and BENCH_MIN_TIME (seconds per benchmark and round, default
+# 0.2) set the length of the full run; a round measures each group of compared benchmarks once, in
+# turn (see bench/bench_support.hpp). The raw results stay in build/release/bench-results/.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -28,14 +29,13 @@ if [ "$mode" = smoke ]; then
   exec "$bench" --benchmark_min_time=0.001
 fi
 
-repetitions=${BENCH_REPETITIONS:-9}
+rounds=${BENCH_ROUNDS:-9}
 min_time=${BENCH_MIN_TIME:-0.2}
 results=build/release/bench-results
 mkdir -p "$results" docs
 
 started=$(date +%s)
-"$bench" --benchmark_repetitions="$repetitions" --benchmark_report_aggregates_only=true \
-         --benchmark_min_time="$min_time" \
+"$bench" --rounds="$rounds" --benchmark_min_time="$min_time" \
          --benchmark_out="$results/results.json" --benchmark_out_format=json \
          --ratios_out="$results/ratios.tsv" | tee "$results/console.txt"
 seconds=$(( $(date +%s) - started ))
