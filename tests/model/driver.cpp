@@ -281,7 +281,8 @@ class Driver {
     for (std::size_t index = 0; index < handles_.size(); ++index) {
       const Slot& slot = model_.slots[index];
       if (handles_[index].connected() != (!slot.erased && !slot.disconnected) ||
-          handles_[index].blocked() != (!slot.erased && model_.blocked(slot))) {
+          handles_[index].blocked() != (!slot.erased && model_.blocked(slot)) ||
+          (handles_[index] != handles_[index > 0 ? index - 1 : 0]) != (index > 0)) {
         out << "the flags of slot " << index << " differ; ";
       }
     }
