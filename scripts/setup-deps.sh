@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(
-  cmake ninja-build g++ clang libclang-rt-14-dev   # toolchains; clang's sanitizer runtimes
+  cmake ninja-build g++ clang libclang-rt-14-dev   # toolchains; clang's sanitizer and libFuzzer runtimes
   libboost-dev                                       # boost::optional (and Boost.Signals2 for the benchmark)
   libgtest-dev libgmock-dev libbenchmark-dev         # tests and benchmarks
   binutils pkgconf                                   # nm/readelf and pkg-config for the artefact checks
