@@ -8,6 +8,7 @@ packages=(
   libboost-dev                                       # boost::optional (and Boost.Signals2 for the benchmark)
   libgtest-dev libgmock-dev libbenchmark-dev         # tests and benchmarks
   binutils pkgconf                                   # nm/readelf and pkg-config for the artefact checks
+  gcovr                                              # scripts/coverage.sh
 )
 
 missing=()
