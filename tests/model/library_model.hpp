@@ -15,21 +15,16 @@
 
 namespace vantor::model {
 
-// What a callback does once it has logged its call (Empty logs nothing and raises).
-enum class Kind {
-  Record,
-  Empty,
-  Throw,
-  Republish,  // publishes its own key again with 1 - value, but not from the delivery that causes
-  Withdraw,   // unsubscribes its own key
-  Replace,    // subscribes a Record with id + 1000 to its own key
-  Query,      // logs get() of its own key, or isIpSecured() of its address for a pair
-  SetPorts,   // replaces the contract's port list with {-1, 17161}
-  Reenter,    // calls its own signal, or publishes the contract topic that feeds its own signal
-  Flag,       // disconnects (action 0), blocks (1) or unblocks (2) slot `target` of its signal
-  Own,        // the contract's own subscriber: emits on contract signal `id`
-};
-// What a getter returns: a logged or silent fixed value, nothing, an exception, a re-entry into the
+// What a callback does once it has logged its call (Empty logs nothing and raises):
+//   Republish  publishes its own key again with 1 - value (not from the delivery that this causes)
+//   Withdraw   unsubscribes its own key;   Replace  subscribes a Record with id + 1000 to it
+//   Query      logs get() of its own key, or isIpSecured() of its address for a pair
+//   SetPorts   sets the contract's ports to {-1, 17161}
+//   Reenter    calls its own signal, or publishes the contract topic that feeds its own signal
+//   Flag       disconnects (action 0), blocks (1) or unblocks (2) slot `target` of its signal
+//   Own        the contract's own subscriber: emits on contract signal `id`
+enum class Kind { Record, Empty, Throw, Republish, Withdraw, Replace, Query, SetPorts, Reenter, Flag, Own };
+// What a getter returns: a logged or a silent fixed value, nothing, an exception, a re-entry into the
 // board, or the contract's live secured flag or token.
 enum class Source { Logged, Fixed, Empty, Throw, Reenter, Secured, Token };
 
@@ -37,13 +32,12 @@ struct Getter {
   Source source;
   int value = 0;
 };
-struct Sub {
+struct Sub {  // a subscriber of a test contract's topic, or (contract < 0) of a contract pair
   int id;
   Kind kind;
-  std::string key;        // full key
-  int contract = -1;      // a test contract's index and topic, or (contract < 0) a contract pair
-  std::string topic = {};
-  std::string address = {};
+  std::string key;
+  int contract = -1;
+  std::string topic = {}, address = {};
   int port = 0;
   bool pair() const { return contract < 0; }
 };
@@ -61,11 +55,15 @@ struct Failure {
 inline std::string entry(char tag, int id, int value, bool underBoardLock) {
   return tag + std::to_string(id) + ":" + std::to_string(value) + (underBoardLock ? "L" : "");
 }
-
 const std::string kIp = "CyberSecurity:IP:";
-inline std::string pairKey(const std::string& address, int port) {
-  return kIp + address + ":" + std::to_string(port);
-}
+inline std::string pairKey(const std::string& address, int port) { return kIp + address + ":" + std::to_string(port); }
+
+// Marks a subscriber as republishing for a scope.
+struct Busy {
+  std::set<int>& busy;
+  int id;
+  ~Busy() { busy.erase(id); }
+};
 
 class Model {
  public:
@@ -85,13 +83,13 @@ class Model {
   std::optional<int> token;  // all 32 bytes equal this one
   std::vector<int> ports{17161, 17168, 17171, 17172, 17175, 17176, 17178};
   std::vector<std::pair<int, Kind>> contractSlots[3];
-  int logger = 0, registrar = 0;  // the kinds of the two host hooks that are set
-  std::vector<Slot> slots;  // every slot ever connected to the signal, by handle index
-  std::list<int> order;     // the signal's list: handle indexes, connection order
-  std::vector<std::pair<int, bool>> blockers;  // slot, blocked state it found
+  int hooks[2] = {0, 0};          // the logger and the connection callback: none, recorder, thrower
+  std::vector<Slot> slots;        // every slot ever connected to the signal, by handle index
+  std::list<int> order;           // the signal's list, in connection order
+  std::vector<std::pair<int, bool>> blockers;  // slot, and the blocked flag it found
   int scoped = -1;
 
-  // ---- board: the topic protocol -----------------------------------------------------------------
+  // ---- the topic protocol ------------------------------------------------------------------------
   void update(const std::string& key, Getter getter) {
     Entry& entry = board[key];
     entry.getter = getter;
@@ -109,33 +107,33 @@ class Model {
   }
   void unsubscribe(const std::string& key) { board.erase(key); }
   std::optional<int> get(const std::string& key) {
-    if (const Getter* getter = nonEmptyGetter(key)) return call(*getter);
-    return std::nullopt;
+    const Getter* getter = nonEmptyGetter(key);
+    return getter ? std::optional<int>(call(*getter)) : std::nullopt;
   }
   void purge(const std::string& name) {
-    for (auto it = board.begin(); it != board.end();) it = it->first.rfind(name, 0) == 0 ? board.erase(it) : std::next(it);
+    for (auto it = board.begin(); it != board.end();) {
+      it = it->first.rfind(name, 0) == 0 ? board.erase(it) : std::next(it);
+    }
   }
   const Getter* nonEmptyGetter(const std::string& key) const {
     const auto found = board.find(key);
     if (found == board.end() || !found->second.getter || found->second.getter->source == Source::Empty) return nullptr;
     return &*found->second.getter;
   }
-
   bool isIpSecured(const std::string& address, bool underBoardLock) {
     if (!secured) return true;
     if (underBoardLock) fail("deadlock");
     return get(kIp + address).value_or(0) != 0;
   }
 
-  // ---- the signal -----------------------------------------------------------------------------------
+  // ---- the signal ---------------------------------------------------------------------------------
   bool blocked(const Slot& slot) const { return slot.blocked || slot.blockers > 0; }
   void setFlag(int index, int action) {
     if (index >= static_cast<int>(slots.size()) || slots[index].erased) return;
-    Slot& slot = slots[index];
-    if (action == 0) slot.disconnected = true;
-    else slot.blocked = action == 1;
+    if (action == 0) slots[index].disconnected = true;
+    else slots[index].blocked = action == 1;
   }
-  // A blocker either counts (the slot is blocked while any lives) or restores the state it found.
+  // A blocker either counts (the slot is blocked while any lives) or restores the flag it found.
   void pushBlocker(int index) {
     Slot& slot = slots[index];
     blockers.emplace_back(index, !slot.erased && slot.blocked);
@@ -157,8 +155,7 @@ class Model {
     order.push_back(static_cast<int>(slots.size()) - 1);
   }
   void disconnectAll() {
-    for (const int index : order) slots[index].erased = true;
-    order.clear();
+    while (!order.empty()) erase(order.begin());
   }
   // The pending-slot walk: a live slot runs only once the next live one has been judged.
   void emit(int value) {
@@ -193,34 +190,26 @@ class Model {
     if (sub.kind == Kind::Own) return emitContract(sub.id, value);
     if (sub.kind == Kind::Empty) fail("empty");
     log.push_back(entry('s', sub.id, value, underBoardLock));
-    const bool takesBoardLock = sub.kind == Kind::Withdraw || sub.kind == Kind::Replace ||
-                                (sub.kind == Kind::Query && !sub.pair()) ||
-                                (sub.kind == Kind::Republish && busy_.count(sub.id) == 0);
     if (sub.kind == Kind::Throw) fail("thrown");
+    const bool republishes = sub.kind == Kind::Republish && !busy_.count(sub.id);
+    const bool takesBoardLock = republishes || sub.kind == Kind::Withdraw || sub.kind == Kind::Replace ||
+                                (sub.kind == Kind::Query && !sub.pair());
     if (takesBoardLock && underBoardLock) fail("deadlock");
-    switch (sub.kind) {
-      case Kind::Republish:
-        if (busy_.insert(sub.id).second) {
-          Unbusy unbusy{busy_, sub.id};
-          update(sub.key, Getter{sub.pair() ? Source::Fixed : Source::Logged, 1 - value});
-        }
-        break;
-      case Kind::Withdraw: unsubscribe(sub.key); break;
-      case Kind::Replace: {
-        Sub replacement = sub;
-        replacement.id += 1000;
-        replacement.kind = Kind::Record;
-        subscribe(sub.key, replacement);
-        break;
-      }
-      case Kind::Query: {
-        const int answer = sub.pair() ? isIpSecured(sub.address, underBoardLock) : get(sub.key).value_or(-1);
-        log.push_back(entry('q', sub.id, answer, false));
-        break;
-      }
-      case Kind::SetPorts: ports = {-1, 17161}; break;
-      default: break;
+    if (sub.kind == Kind::Republish && busy_.insert(sub.id).second) {
+      Busy busy{busy_, sub.id};
+      update(sub.key, Getter{sub.pair() ? Source::Fixed : Source::Logged, 1 - value});
     }
+    if (sub.kind == Kind::Withdraw) unsubscribe(sub.key);
+    if (sub.kind == Kind::Replace) {
+      Sub replacement = sub;
+      replacement.id += 1000, replacement.kind = Kind::Record;
+      subscribe(sub.key, replacement);
+    }
+    if (sub.kind == Kind::Query) {
+      const int answer = sub.pair() ? isIpSecured(sub.address, underBoardLock) : get(sub.key).value_or(-1);
+      log.push_back(entry('q', sub.id, answer, false));
+    }
+    if (sub.kind == Kind::SetPorts) ports = {-1, 17161};
   }
 
   void emitContract(int signal, int value) {
@@ -246,15 +235,6 @@ class Model {
     return order.erase(it);
   }
 
- public:
-  // Marks a subscriber as republishing for a scope, so that the delivery it causes does not republish.
-  struct Unbusy {
-    std::set<int>& busy;
-    int id;
-    ~Unbusy() { busy.erase(id); }
-  };
-
- private:
   std::set<int> busy_;
   bool counted_;
 };

@@ -40,9 +40,13 @@ TEST_P(Library, AgreesWithItsModelAfterEveryStep) {
 
 std::vector<Input> inputs() {
   std::vector<Input> all;
-  for (const auto& file : std::filesystem::directory_iterator(VANTOR_MODEL_CORPUS)) all.push_back({"corpus_" + file.path().filename().string(), file.path()});
+  for (const auto& file : std::filesystem::directory_iterator(VANTOR_MODEL_CORPUS)) {
+    all.push_back({"corpus_" + file.path().filename().string(), file.path()});
+  }
   std::sort(all.begin(), all.end(), [](const Input& a, const Input& b) { return a.name < b.name; });
-  for (unsigned block = 0; block < 4; ++block) all.push_back({"random_seeds_" + std::to_string(block * 1000) + "_to_" + std::to_string(block * 1000 + 999), {}, block * 1000, 1000});
+  for (unsigned first = 0; first < 4000; first += 1000) {
+    all.push_back({"random_seeds_" + std::to_string(first) + "_to_" + std::to_string(first + 999), {}, first, 1000});
+  }
   return all;
 }
 
