@@ -1,5 +1,6 @@
-# Flags for our own targets only: warnings (as errors when VANTOR_MESSAGE_BOARD_WERROR is on) and the
-# sanitizers chosen by VANTOR_MESSAGE_BOARD_SANITIZE. Third-party code never sees them.
+# Flags for our own targets only: warnings (as errors when VANTOR_MESSAGE_BOARD_WERROR is on), the
+# sanitizers chosen by VANTOR_MESSAGE_BOARD_SANITIZE and coverage instrumentation when
+# VANTOR_MESSAGE_BOARD_COVERAGE is on. Third-party code never sees them.
 function(vantor_apply_options target)
   target_compile_features(${target} PRIVATE cxx_std_17)
   set_target_properties(${target} PROPERTIES CXX_EXTENSIONS OFF)
@@ -16,5 +17,9 @@ function(vantor_apply_options target)
     target_compile_options(${target} PRIVATE -fsanitize=${sanitizers} -fno-omit-frame-pointer
                                              -fno-sanitize-recover=all)
     target_link_options(${target} PRIVATE -fsanitize=${sanitizers})
+  endif()
+  if(VANTOR_MESSAGE_BOARD_COVERAGE)
+    target_compile_options(${target} PRIVATE --coverage)
+    target_link_options(${target} PRIVATE --coverage)
   endif()
 endfunction()

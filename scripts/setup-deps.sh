@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(
-  cmake ninja-build g++ clang libclang-rt-14-dev   # toolchains; clang's sanitizer runtimes
+  cmake ninja-build g++ clang libclang-rt-14-dev   # toolchains; clang's sanitizer and libFuzzer runtimes
   libboost-dev                                       # boost::optional (and Boost.Signals2 for the benchmark)
   libgtest-dev libgmock-dev libbenchmark-dev         # tests and benchmarks
   libsigc++-3.0-dev                                  # a second signal library the benchmark compares with
@@ -14,6 +14,7 @@ packages=(
   abigail-tools                                      # scripts/check-abi.sh: abidw, abidiff
   doxygen                                            # scripts/docs.sh: the API reference
   clang-format clang-tidy                            # scripts/lint.sh
+  gcovr                                              # scripts/coverage.sh
 )
 
 missing=()
