@@ -1,0 +1,113 @@
+#!/usr/bin/env bash
+# Mutation testing (a developer tool; CI does not run it). Copies the tree to a scratch directory,
+# then, one mutant at a time, plants a plausible fault in the library, builds the dev preset there and
+# runs ctest. A mutant is KILLED when some test fails and SURVIVED when every test passes.
+#
+#   scripts/mutate.sh                                    # the whole suite
+#   scripts/mutate.sh -E '/Library\.'                    # extra arguments go to ctest (here: leave out
+#                                                        # the model and fault-injection tables)
+#   MUTANTS='key-without-colon purge-with-colon' scripts/mutate.sh   # only these
+#
+# Each line of the table below is one literal edit: name @@ file @@ text @@ replacement ("\n" is a
+# newline). A mutant may take several lines with the same name; they are applied in order. Every text
+# must occur exactly once in the unmutated file, or the script stops before building anything: when the
+# library changes, update the text here.
+set -euo pipefail
+source_dir="$(cd "$(dirname "$0")/.." && pwd)"
+scratch="$(mktemp -d /tmp/vantor-mutate.XXXXXX)"
+tree="$scratch/tree"
+
+read -r -d '' table <<'EOF' || true
+deliver-under-board-lock @@ include/vantor/messaging/contract.hpp @@   lock.unlock();\n  if (delivery) delivery->template deliver<T>(value.value); @@   if (delivery) delivery->template deliver<T>(value.value);\n  lock.unlock();
+store-subscriber-before-initial-delivery @@ include/vantor/messaging/contract.hpp @@       subscriber(value.value);  // the initial delivery; nothing is stored if it throws @@       board.subscribers.insert_or_assign(key, detail::StoredFunction(stored));\n      subscriber(value.value);
+no-initial-delivery @@ include/vantor/messaging/contract.hpp @@       subscriber(value.value);  // the initial delivery; nothing is stored if it throws @@       (void)value;
+empty-getter-not-stored @@ include/vantor/messaging/contract.hpp @@   if (!inserted) entry->second = std::move(stored);  // the previous getter @@   if (!inserted && !stored.empty()) entry->second = std::move(stored);  // the previous getter
+get-calls-an-empty-getter @@ include/vantor/messaging/contract.hpp @@   if (found->second.empty()) return boost::none; @@ 
+notify-stores-nothing-but-delivers-twice @@ include/vantor/messaging/contract.hpp @@   if (delivery) delivery->template deliver<T>(value);\n} @@   if (delivery) delivery->template deliver<T>(value);\n  if (delivery) delivery->template deliver<T>(value);\n}
+purge-with-colon @@ src/message_board.cpp @@ it->first.text.compare(0, prefix.size(), prefix) == 0 @@ it->first.text.compare(0, prefix.size() + 1, prefix + ":") == 0
+key-without-colon @@ src/message_board.cpp @@   fullKey.push_back(':'); @@ 
+unsubscribe-keeps-the-getter @@ src/message_board.cpp @@   board.getters.erase(key); @@ 
+types-compared-by-address-only @@ include/vantor/messaging/detail/stored_function.hpp @@ return &a == &b || a.name == b.name; @@ return &a == &b;
+walk-erases-blocked-slots @@ include/vantor/tessel/signal.hpp @@       if (status.disconnected.load(std::memory_order_acquire)) { @@       if (status.disconnected.load(std::memory_order_acquire) || status.blocked.load(std::memory_order_acquire)) {
+walk-invokes-a-slot-when-judged @@ include/vantor/tessel/signal.hpp @@         pending = it; @@         it->first(args...);
+walk-never-invokes-the-last-live-slot @@ include/vantor/tessel/signal.hpp @@     if (pending != slots_.end()) pending->first(std::forward<A>(args)...); @@ 
+connect-keeps-disconnected-slots @@ include/vantor/tessel/signal.hpp @@ it = it->second->disconnected.load(std::memory_order_acquire) ? slots_.erase(it) : std::next(it); @@ it = std::next(it);
+connect-prepends @@ include/vantor/tessel/signal.hpp @@ slots_.emplace_back(callback, std::move(status)); @@ slots_.emplace_front(callback, std::move(status));
+connect-prepends @@ include/vantor/tessel/signal.hpp @@ return Connection(slots_.back().second); @@ return Connection(slots_.front().second);
+emit-keeps-the-lock-when-a-slot-throws @@ include/vantor/tessel/signal.hpp @@     detail::TrackedLock lock(mutex_, operation);\n    deliver(std::forward<A>(args)...); @@     auto* lock = new detail::TrackedLock(mutex_, operation);\n    deliver(std::forward<A>(args)...);\n    delete lock;
+blockers-not-counted @@ include/vantor/tessel/signal.hpp @@ blocks.fetch_add(detail::SlotState::kOneBlocker); @@ blocks.fetch_or(detail::SlotState::kOneBlocker);
+scoped-assignment-keeps-the-old-slot @@ include/vantor/tessel/signal.hpp @@       connection_.disconnect(); @@ 
+lock-holder-never-cleared @@ include/vantor/tessel/detail/tracked_lock.hpp @@     mutex_.holder_.store(std::thread::id(), std::memory_order_relaxed); @@ 
+reentry-not-detected @@ include/vantor/tessel/detail/tracked_lock.hpp @@     if (mutex.holder_.load(std::memory_order_relaxed) == self) throwReentry(mutex, operation, subject); @@ 
+cycle-not-detected @@ include/vantor/tessel/detail/tracked_lock.hpp @@       if (holder == self) return length; @@       if (holder == self) return 0;
+wrong-default-port @@ src/contract_cyber_security.cpp @@ 17176, 17178} @@ 17176, 17177}
+walk-live-port-list @@ src/contract_cyber_security.cpp @@   for (const int port : ports) { @@   for (std::size_t i = 0; i < tcpPorts_.size(); ++i) {\n    const int port = tcpPorts_[i];
+walk-skips-the-first-port @@ src/contract_cyber_security.cpp @@   for (const int port : ports) { @@   for (std::size_t i = 1; i < ports.size(); ++i) {\n    const int port = ports[i];
+cleared-token-signalled-as-empty-optional @@ src/contract_cyber_security.cpp @@ securityTokenSignal_.emitAs(kUpdateSecurityToken, token); @@ securityTokenSignal_.emitAs(kUpdateSecurityToken, token == Token{} ? OptionalToken() : OptionalToken(token));
+token-never-cleared @@ src/contract_cyber_security.cpp @@     securityToken_ = boost::none; @@ 
+token-not-wiped @@ src/contract_cyber_security.cpp @@     wipe(securityToken_);  // a reset optional keeps its payload: clear the bytes first @@ 
+secured-stored-after-publishing @@ src/contract_cyber_security.cpp @@   secured_.store(secured, std::memory_order_release);\n  publish<bool>(\n      topicKey("Secured"), [this] { return secured_.load(std::memory_order_acquire); }, kUpdateSecured); @@   publish<bool>(\n      topicKey("Secured"), [secured] { return secured; }, kUpdateSecured);\n  secured_.store(secured, std::memory_order_release);
+new-credentials-notice-false @@ src/contract_cyber_security.cpp @@ notifyKey<bool>(topicKey("NewCredentials"), true, kUpdateAboutNewCreds); @@ notifyKey<bool>(topicKey("NewCredentials"), false, kUpdateAboutNewCreds);
+ip-secured-reads-a-port-topic @@ src/contract_cyber_security.cpp @@ return read<bool>(addressKey(address), @@ return read<bool>(portKey(address, 17161),
+ip-secured-false-while-unsecured @@ src/contract_cyber_security.cpp @@   if (!secured_.load(std::memory_order_acquire)) return true; @@   if (!secured_.load(std::memory_order_acquire)) return false;
+ports-moved-out-of-the-argument @@ src/contract_cyber_security.cpp @@ std::vector<int> replacement(ports.begin(), ports.end()); @@ std::vector<int> replacement(std::move(ports));
+connection-flag-lost @@ src/contract_cyber_security.cpp @@   if (callback) (*callback)(address, port, allowed); @@   if (callback) (*callback)(address, port, true);
+hook-copied-under-the-lock @@ src/contract_cyber_security.cpp @@     callback = registerConnectionCallback_; @@     if (registerConnectionCallback_) callback = std::make_shared<const ConnectionCallback>(*registerConnectionCallback_);
+EOF
+
+# Applies the edits of mutant $1 to $tree (which must be unmutated); fails unless each text occurs once.
+apply() {
+  printf '%s\n' "$table" | python3 -c '
+import re, sys
+name, tree = sys.argv[1], sys.argv[2]
+found = False
+for line in sys.stdin:
+    fields = re.split(r" @@(?: |$)", line.rstrip("\n"))
+    if fields[0] != name:
+        continue
+    found = True
+    path, text = tree + "/" + fields[1], fields[2].replace("\\n", "\n")
+    replacement = (fields[3] if len(fields) > 3 else "").replace("\\n", "\n")
+    source = open(path).read()
+    if source.count(text) != 1:
+        sys.exit("mutant %s: found %d times in %s (update the table): %s" % (name, source.count(text), fields[1], text))
+    open(path, "w").write(source.replace(text, replacement))
+if not found:
+    sys.exit("no mutant named " + name)
+' "$1" "$tree"
+}
+
+restore() { tar -C "$source_dir" -cf - include src | tar -C "$tree" -xmf -; }  # -m: new mtimes, so ninja rebuilds
+
+names=${MUTANTS:-$(printf '%s\n' "$table" | sed 's/ @@ .*//' | awk '!seen[$0]++')}
+
+mkdir -p "$tree"
+tar -C "$source_dir" --exclude=./build --exclude=./.git -cf - . | tar -C "$tree" -xf -
+for name in $names; do  # every edit must apply to the unmutated tree before anything is built
+  apply "$name"
+  restore
+done
+
+cd "$tree"
+# Without -Werror (a mutant may leave a variable unused), and without what no test runs.
+cmake --preset dev -DCMAKE_CXX_FLAGS_DEBUG=-O0 -DVANTOR_MESSAGE_BOARD_WERROR=OFF -DVANTOR_MESSAGE_BOARD_BENCH=OFF -DVANTOR_MESSAGE_BOARD_EXAMPLES=OFF >/dev/null
+cmake --build --preset dev -j2 >/dev/null
+ctest --preset dev -j2 --timeout 60 "$@" >/dev/null || { echo "mutate: the unmutated tree fails its tests"; exit 1; }
+
+killed=0 survived=0
+for name in $names; do
+  apply "$name"
+  if ! cmake --build --preset dev -j2 >"$scratch/$name.build.log" 2>&1; then
+    echo "mutant $name does not compile (see $scratch/$name.build.log): update the table" >&2
+    exit 1
+  fi
+  if ctest --preset dev -j2 --timeout 20 --stop-on-failure "$@" >"$scratch/$name.log" 2>&1; then
+    echo "SURVIVED $name"
+    survived=$((survived + 1))
+  else
+    echo "KILLED   $name  ($(grep -m1 -oE '[0-9]+ - [^ ]+' "$scratch/$name.log" | sed 's/^[0-9]* - //'))"
+    killed=$((killed + 1))
+  fi
+  restore
+done
+echo "mutate: $killed killed, $survived survived of $((killed + survived)) mutants (logs in $scratch)"
