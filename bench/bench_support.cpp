@@ -67,8 +67,8 @@ Group& Group::add(const std::string& name, Body body, Configure configure) {
 void Group::registerRounds() const {
   for (int round = 0; round < roundCount; ++round) {
     for (const Member& member : members_) {
-      benchmark::internal::Benchmark* registered =
-          benchmark::RegisterBenchmark(member.name.c_str(), [body = member.body](benchmark::State& state) { body(state); });
+      benchmark::internal::Benchmark* registered = benchmark::RegisterBenchmark(
+          member.name.c_str(), [body = member.body](benchmark::State& state) { body(state); });
       if (member.configure) member.configure(registered);
     }
   }

@@ -94,12 +94,10 @@ struct RatioLine {
 };
 
 void addRatio(const std::string& section, const std::string& label, const std::string& numerator,
-              const std::string& denominator, Goal goal = Goal::None, double limit = 0.0,
-              const std::string& note = "");
+              const std::string& denominator, Goal goal = Goal::None, double limit = 0.0, const std::string& note = "");
 void addDifference(const std::string& section, const std::string& label, const std::string& minuend,
                    const std::string& subtrahend, const std::string& unit);
-void addValue(const std::string& section, const std::string& label, const std::string& figure,
-              const std::string& unit);
+void addValue(const std::string& section, const std::string& label, const std::string& figure, const std::string& unit);
 const std::vector<RatioLine>& ratioLines();
 
 // Registration of the cases, called by main in this order, which is also the order they run in.

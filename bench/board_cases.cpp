@@ -45,11 +45,11 @@ constexpr int kPort = 17161;
 const std::vector<int> kDefaultPorts = {17161, 17168, 17171, 17172, 17175, 17176, 17178};
 
 // One address per case, so that no case meets another's listener.
-const std::string kPlainAddress = "198.51.100.4";      // updateIpPortAllowed, no listener
-const std::string kListenedAddress = "198.51.100.5";   // updateIpPortAllowed with a listener
-const std::string kSubscribedAddress = "198.51.100.6"; // subscribeToIpPortAllowed on a published pair
-const std::string kQueriedAddress = "198.51.100.7";    // isIpSecured
-const std::string kAllPortsAddress = "198.51.100.8";   // updateIpAllPortsAllowed
+const std::string kPlainAddress = "198.51.100.4";       // updateIpPortAllowed, no listener
+const std::string kListenedAddress = "198.51.100.5";    // updateIpPortAllowed with a listener
+const std::string kSubscribedAddress = "198.51.100.6";  // subscribeToIpPortAllowed on a published pair
+const std::string kQueriedAddress = "198.51.100.7";     // isIpSecured
+const std::string kAllPortsAddress = "198.51.100.8";    // updateIpAllPortsAllowed
 const std::vector<std::string> kContendedAddresses = {"198.51.100.20", "198.51.100.21"};
 
 const char* const kSecuredKey = "CyberSecurity:Secured";
@@ -156,12 +156,14 @@ class Scene {
     long long floorBytes = 0;
     {
       const HeapWindow window;
-      for (std::size_t index = others_; index < count; ++index) board.updateIpPortAllowed(fillerAddress(index), kPort, true);
+      for (std::size_t index = others_; index < count; ++index)
+        board.updateIpPortAllowed(fillerAddress(index), kPort, true);
       boardBytes = window.bytes();
     }
     {
       const HeapWindow window;
-      for (std::size_t index = others_; index < count; ++index) floor.store(portKey(fillerAddress(index), kPort), Answer{&count_});
+      for (std::size_t index = others_; index < count; ++index)
+        floor.store(portKey(fillerAddress(index), kPort), Answer{&count_});
       floorBytes = window.bytes();
     }
     others_ = count;
@@ -240,7 +242,7 @@ class Scene {
   long count_ = 0;
   FlagCallback callback_;
   std::map<std::string, std::vector<FlagCallback>> fanOuts_;  // a map keeps each list where it is
-  std::set<std::pair<std::string, int>> pairs_;  // published or listened to by the cases
+  std::set<std::pair<std::string, int>> pairs_;               // published or listened to by the cases
   std::size_t others_ = 0;
   std::size_t largestMeasuredGrowth_ = 0;
   std::size_t securedCallbacks_ = 0;
@@ -311,8 +313,7 @@ void addRoundTripRatio(const std::string& section, const std::string& label, con
 }
 
 void updateSecuredCases(std::size_t callbacks, const std::string& section) {
-  const std::string name =
-      "updateSecured_" + std::to_string(callbacks) + (callbacks == 1 ? "_callback" : "_callbacks");
+  const std::string name = "updateSecured_" + std::to_string(callbacks) + (callbacks == 1 ? "_callback" : "_callbacks");
   Group group;
   const CaseNames names = registerRoundTrip(
       "board/" + name, "", kHostKeys,
@@ -342,8 +343,7 @@ CaseNames updateIpPortAllowedCases(const std::string& group, const std::string& 
   return registerRoundTrip(
       group + "/updateIpPortAllowed", suffix, otherKeys, setup,
       [](Scene& scene) { scene.board.updateIpPortAllowed(kPlainAddress, kPort, true); }, setup,
-      [](Scene& scene) { benchmark::DoNotOptimize(scene.floor.roundTrip(portKey(kPlainAddress, kPort), true)); },
-      into);
+      [](Scene& scene) { benchmark::DoNotOptimize(scene.floor.roundTrip(portKey(kPlainAddress, kPort), true)); }, into);
 }
 
 // isIpSecured while secured, on a published address; `alone` as above.
@@ -358,8 +358,7 @@ CaseNames isIpSecuredCases(const std::string& group, const std::string& suffix, 
   return registerRoundTrip(
       group + "/isIpSecured", suffix, otherKeys, setup,
       [](Scene& scene) { benchmark::DoNotOptimize(scene.board.isIpSecured(kQueriedAddress)); }, setup,
-      [](Scene& scene) { benchmark::DoNotOptimize(scene.floor.roundTrip(addressKey(kQueriedAddress), true)); },
-      into);
+      [](Scene& scene) { benchmark::DoNotOptimize(scene.floor.roundTrip(addressKey(kQueriedAddress), true)); }, into);
 }
 
 }  // namespace
@@ -377,14 +376,13 @@ void registerBoardBenchmarks() {
       scene.listenToPair(kListenedAddress, kPort);
       return nullptr;
     };
-    addRoundTripRatio(
-        section, "updateIpPortAllowed_listened",
-        registerRoundTrip(
-            "board/updateIpPortAllowed_listened", "", kHostKeys, setup,
-            [](Scene& scene) { scene.board.updateIpPortAllowed(kListenedAddress, kPort, true); }, setup,
-            [](Scene& scene) {
-              benchmark::DoNotOptimize(scene.floor.roundTrip(portKey(kListenedAddress, kPort), true));
-            }));
+    addRoundTripRatio(section, "updateIpPortAllowed_listened",
+                      registerRoundTrip(
+                          "board/updateIpPortAllowed_listened", "", kHostKeys, setup,
+                          [](Scene& scene) { scene.board.updateIpPortAllowed(kListenedAddress, kPort, true); }, setup,
+                          [](Scene& scene) {
+                            benchmark::DoNotOptimize(scene.floor.roundTrip(portKey(kListenedAddress, kPort), true));
+                          }));
   }
   {
     const auto setup = [](Scene& scene) -> const char* {
@@ -464,15 +462,16 @@ void registerContentionBenchmarks() {
   Group().add("contention/publish_distinct_keys", publish(false), oneAndTwoThreads).registerRounds();
   Group().add("contention/publish_same_key", publish(true), oneAndTwoThreads).registerRounds();
   Group()
-      .add("contention/emit_one_signal",
-           [](benchmark::State& state) {
-             static long count = 0;  // written only under the signal's mutex
-             static vantor::tessel::Signal<bool> signal;
-             static const vantor::tessel::Connection connection = signal.connect(CountTrue{&count});
-             bool value = true;
-             for (auto _ : state) signal.emit(value);
-           },
-           oneAndTwoThreads)
+      .add(
+          "contention/emit_one_signal",
+          [](benchmark::State& state) {
+            static long count = 0;  // written only under the signal's mutex
+            static vantor::tessel::Signal<bool> signal;
+            static const vantor::tessel::Connection connection = signal.connect(CountTrue{&count});
+            bool value = true;
+            for (auto _ : state) signal.emit(value);
+          },
+          oneAndTwoThreads)
       .registerRounds();
 
   const std::string section =

@@ -113,7 +113,8 @@ void registerSignalBenchmarks() {
 #endif
     emission.registerRounds();
   }
-  Group().add("connect_disconnect/vantor", connectDisconnectVantor)
+  Group()
+      .add("connect_disconnect/vantor", connectDisconnectVantor)
       .add("connect_disconnect/floor", connectDisconnectFloor)
       .registerRounds();
 
@@ -124,8 +125,8 @@ void registerSignalBenchmarks() {
     addRatio(section, "vantor / floor, " + what, "emit/vantor" + suffix, "emit/floor" + suffix, Goal::AtMost, 1.1);
     addRatio(section, "Boost.Signals2 / vantor, " + what, "emit/boost_signals2" + suffix, "emit/vantor" + suffix,
              Goal::AtLeast, 5.0);
-    addRatio(section, "sigc++ 3 / vantor, " + what, "emit/sigc3_unlocked" + suffix, "emit/vantor" + suffix,
-             Goal::None, 0.0, "sigc++ is not thread-safe: it takes no lock");
+    addRatio(section, "sigc++ 3 / vantor, " + what, "emit/sigc3_unlocked" + suffix, "emit/vantor" + suffix, Goal::None,
+             0.0, "sigc++ is not thread-safe: it takes no lock");
   }
   addRatio("Connection", "connect + disconnect: vantor / floor", "connect_disconnect/vantor",
            "connect_disconnect/floor");

@@ -192,7 +192,8 @@ int printRatios(const RatioReporter& reporter, std::ostream* tsv) {
     // sides alike, so the median of the per-round ratios cancels it where a ratio of medians may
     // pair a fast round with a slow one.
     const std::vector<double> top = reporter.samples(ratio.numerator);
-    const std::vector<double> bottom = ratio.denominator.empty() ? std::vector<double>() : reporter.samples(ratio.denominator);
+    const std::vector<double> bottom =
+        ratio.denominator.empty() ? std::vector<double>() : reporter.samples(ratio.denominator);
     if (top.size() > 1 && top.size() == bottom.size()) {
       std::vector<double> perRound;
       for (std::size_t round = 0; round < top.size(); ++round) {
