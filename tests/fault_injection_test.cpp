@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "board_test_peer.hpp"
+#include "test_support.hpp"
 #include "vantor/messaging/contract_cyber_security.hpp"
 
 class Logger {};

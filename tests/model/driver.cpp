@@ -10,7 +10,7 @@
 #include <system_error>
 #include <type_traits>
 
-#include "board_test_peer.hpp"
+#include "test_support.hpp"
 #include "model/library_model.hpp"
 #include "vantor/messaging/contract_cyber_security.hpp"
 
