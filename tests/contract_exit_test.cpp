@@ -13,7 +13,6 @@
 #include <unistd.h>
 #include <vector>
 
-#include "board_test_peer.hpp"
 #include "test_support.hpp"
 #include "vantor/messaging/contract_cyber_security.hpp"
 

@@ -9,7 +9,6 @@
 #include <string>
 #include <system_error>
 
-#include "board_test_peer.hpp"
 #include "test_support.hpp"
 #include "vantor/messaging/contract_cyber_security.hpp"
 

@@ -4,13 +4,14 @@
 
 #include "model/driver.hpp"
 
+#include <algorithm>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
 #include <system_error>
 #include <type_traits>
 
-#include "board_test_peer.hpp"
+#include "test_support.hpp"
 #include "model/library_model.hpp"
 #include "vantor/messaging/contract_cyber_security.hpp"
 
@@ -37,6 +38,9 @@ const Kind kSlots[] = {Kind::Record, Kind::Record, Kind::Empty, Kind::Throw, Kin
 const Kind kContractSlots[] = {Kind::Record, Kind::Throw, Kind::Reenter, Kind::Query};
 constexpr std::size_t kSlotsPerRun = 4;  // per contract signal
 Logger theLogger;
+const char* const kBoardLock = "the message board's lock";
+const char* const kSignalLocks[] = {"the secured signal's lock", "the new-credentials signal's lock",
+                                    "the security token signal's lock"};
 
 // Whether the contract's connects hand back a Connection. Without that, a slot connected to the contract
 // stays for the process's lifetime: each signal then gets kSlotsPerRun slots once, and a run's k-th
@@ -56,6 +60,11 @@ int code(const OptionalToken& token) {
   return token->front();
 }
 
+// The operation a callback of the driver re-enters, and the lock it would wait for: a deadlock error
+// must name both.
+std::string reentered[2];
+void reenters(std::string operation, std::string lock) { reentered[0] = std::move(operation), reentered[1] = std::move(lock); }
+
 // How a call ended, in the model's words.
 template <typename Call>
 std::string outcome(Call call) {
@@ -67,7 +76,12 @@ std::string outcome(Call call) {
   } catch (const std::bad_function_call&) {
     return "empty";
   } catch (const std::system_error& error) {
-    return error.code() == std::errc::resource_deadlock_would_occur ? "deadlock" : error.what();
+    const std::string what = error.what();
+    if (error.code() != std::errc::resource_deadlock_would_occur) return what;
+    for (const std::string& part : reentered) {
+      if (what.find(part) == std::string::npos) return "deadlock not naming " + part + ": " + what;
+    }
+    return "deadlock";
   } catch (const std::invalid_argument&) {
     return "mismatch";
   } catch (const std::exception& error) {
@@ -270,6 +284,10 @@ class Driver {
         code(reader_.get<CyberSecurityContract::Token>("SecurityToken")) != model_.token.value_or(0)) {
       out << "the secured flag or the token differ; ";
     }
+    const auto* raw = reinterpret_cast<const unsigned char*>(&cs_.getSecurityToken());
+    if (!model_.token && std::any_of(raw, raw + sizeof(OptionalToken), [](unsigned char b) { return b != 0; })) {
+      out << "the cleared token's bytes were not wiped; ";
+    }
     if (out.tellp() > 0) failure_ = "step " + std::to_string(steps_) + " (" + name + "): " + out.str();
     failed_ = want != "ok";
   }
@@ -285,7 +303,7 @@ class Driver {
     switch (getter.source) {
       case Source::Empty: return {};
       case Source::Throw: return []() -> int { throw std::runtime_error("thrown"); };
-      case Source::Reenter: return [this] { return contract(0).get<int>("b").value_or(0); };
+      case Source::Reenter: return [this] { return reenters("Contract::get", kBoardLock), contract(0).get<int>("b").value_or(0); };
       default: return [this, value = getter.value] { return logged('g', 0, value); };
     }
   }
@@ -303,24 +321,32 @@ class Driver {
   void act(const Sub& sub, int value) {
     logged('s', sub.id, value);
     if (sub.kind == Kind::Throw) throw std::runtime_error("thrown");
+    const auto named = [&sub](const char* pair, const char* own) {
+      reenters(sub.pair() ? std::string("CyberSecurityContract::") + pair : std::string("Contract::") + own, kBoardLock);
+    };
     if (sub.kind == Kind::Republish && busy_.insert(sub.id).second) {
       Busy busy{busy_, sub.id};
+      named("updateIpPortAllowed", "update");
       sub.pair() ? cs_.updateIpPortAllowed(sub.address, sub.port, value == 0)
                  : contract(sub.contract).update<int>(sub.topic, libraryGetter({Source::Logged, 1 - value}));
     }
+    if (sub.kind == Kind::Withdraw) named("unsubscribeFromIpPortAllowed", "unsubscribe");
     if (sub.kind == Kind::Withdraw && sub.pair()) cs_.unsubscribeFromIpPortAllowed(sub.address, sub.port);
     if (sub.kind == Kind::Withdraw && !sub.pair()) contract(sub.contract).unsubscribe(sub.topic);
     if (sub.kind == Kind::Replace) {
       Sub replacement = sub;
       replacement.id += 1000, replacement.kind = Kind::Record;
+      named("subscribeToIpPortAllowed", "subscribe");
       subscribe(replacement);
     }
     if (sub.kind == Kind::Query) {
+      named("isIpSecured", "get");
       log_.push_back(entry('q', sub.id, sub.pair() ? cs_.isIpSecured(sub.address)
                                                    : contract(sub.contract).get<int>(sub.topic).value_or(-1), false));
     }
     if (sub.kind == Kind::SetPorts) cs_.setTcpPortsVector({-1, 17161});
   }
+
 
   tessel::Signal<int>::Callback slotCallback(int index, const Slot& slot) {
     if (slot.kind == Kind::Empty) return {};
@@ -331,6 +357,8 @@ class Driver {
         setFlag(handles_[slot.target], slot.action);
       }
       if (slot.kind != Kind::Reenter) return;
+      reenters(slot.action == 0 ? "Signal::emit" : slot.action == 1 ? "Signal::connect" : "Signal::disconnectAll",
+               "a signal's lock");
       if (slot.action == 0) signal_.emit(value);
       if (slot.action == 1) signal_.connect({});
       if (slot.action == 2) signal_.disconnectAll();
@@ -348,6 +376,8 @@ class Driver {
       if (kind == Kind::Throw) throw std::runtime_error("thrown");
       if (kind == Kind::Query) log_.push_back(entry('q', id, cs_.isIpSecured("a"), false));
       if (kind != Kind::Reenter) return;
+      const char* operations[] = {"updateSecured", "updateAboutNewCreds", "updateSecurityToken"};
+      reenters(std::string("CyberSecurityContract::") + operations[signal], kSignalLocks[signal]);
       if (signal == 0) cs_.updateSecured(value != 0);
       if (signal == 1) cs_.updateAboutNewCreds();
       if (signal == 2) cs_.updateSecurityToken(OptionalToken(cs_.getSecurityToken()));
