@@ -64,7 +64,8 @@ INSTANTIATE_TEST_SUITE_P(
         Figure{"UpdateSecuredWithACallback", [] { cs().updateSecured(true); }, 1},
         Figure{"UpdateAboutNewCreds", [] { cs().updateAboutNewCreds(); }, 1},
         Figure{"UpdateSecurityToken", [] { cs().updateSecurityToken(CyberSecurityContract::Token{}); }, 1},
-        Figure{"UpdateIpPortAllowedWithoutSubscriber", [] { cs().updateIpPortAllowed("198.51.100.4", 17161, true); }, 1},
+        Figure{"UpdateIpPortAllowedWithoutSubscriber", [] { cs().updateIpPortAllowed("198.51.100.4", 17161, true); },
+               1},
         Figure{"UpdateIpPortAllowedWithSubscriber", [] { cs().updateIpPortAllowed("198.51.100.5", 17161, true); }, 1},
         Figure{"SubscribeToIpPortAllowedOnAPublishedPair",
                [] { cs().subscribeToIpPortAllowed("198.51.100.5", 17161, [](bool) {}); }, 1},
@@ -98,7 +99,8 @@ auto recorder(int id) {
 }
 Logger theLogger;
 void arrangeKey() {
-  board().unsubscribe(kTopic), board().update<int>(kTopic, [] { return 1; }), board().subscribe<int>(kTopic, recorder(1));
+  board().unsubscribe(kTopic), board().update<int>(kTopic, [] { return 1; }),
+      board().subscribe<int>(kTopic, recorder(1));
 }
 void arrangePair() {
   { TestContract sweep("CyberSecurity:IP:"); }  // its purge removes every address and pair topic
@@ -122,12 +124,14 @@ std::shared_ptr<int> calls;  // of the slot that a connect under test connects
 const Operation kOperations[] = {
     {"Signal_connect", [] { slots.disconnectAll(), slots.connect(recorder(1)); }, [] { slots.connect(recorder(2)); },
      [] { expectFirstOnly([] { slots.emit(0); }); }},
-    {"Signal_emit_disconnectAll_and_handles", [] { slots.connect(recorder(1)); },
+    {"Signal_emit_disconnectAll_and_handles",
+     [] { slots.connect(recorder(1)); },
      [] {
        tessel::ScopedConnection scoped = slots.connect(recorder(1));
        tessel::ConnectionBlocker blocker(scoped.connection());
        slots.emit(0), slots.disconnectAll();
-     }, {}},
+     },
+     {}},
     {"Board_update", arrangeKey, [] { board().update<int>(kTopic, [] { return 2; }); },
      [] { expectFirstOnly([] { board().notify<int>(kTopic, 0); }); }},
     {"Board_notify_get", arrangeKey, [] { board().notify<int>(kTopic, 3), board().get<int>(kTopic); },
@@ -138,7 +142,10 @@ const Operation kOperations[] = {
      [] { expectBothOrNeither(board().key(kTopic)); }},
     {"CyberSecurityContract_connectSecuredSignal", [] { calls = std::make_shared<int>(0); },
      [] { cs().connectSecuredSignal([count = calls](bool) { ++*count; }); },
-     [] { cs().updateSecured(false); EXPECT_EQ(*calls, 0) << "a failed connect appends nothing"; }},
+     [] {
+       cs().updateSecured(false);
+       EXPECT_EQ(*calls, 0) << "a failed connect appends nothing";
+     }},
     {"CyberSecurityContract_updateSecured", [] { cs().updateSecured(false); }, [] { cs().updateSecured(true); },
      [] { EXPECT_TRUE(cs().isSecured()) << "stored before it is published"; }},
     {"CyberSecurityContract_updateSecurityToken", [] { cs().updateSecurityToken(boost::none); },
@@ -150,14 +157,19 @@ const Operation kOperations[] = {
      [] { cs().subscribeToIpPortAllowed(kAddress, 1, recorder(2)); },
      [] { expectFirstOnly([] { cs().updateIpPortAllowed(kAddress, 1, true); }); }},
     {"CyberSecurityContract_unsubscribeFromIpPortAllowed", arrangePair,
-     [] { cs().unsubscribeFromIpPortAllowed(kAddress, 1); }, [] { expectBothOrNeither("CyberSecurity:IP:" + kAddress + ":1"); }},
-    {"CyberSecurityContract_hooks_and_ports", [] { cs().setTcpPortsVector({2, 3}); },
+     [] { cs().unsubscribeFromIpPortAllowed(kAddress, 1); },
+     [] { expectBothOrNeither("CyberSecurity:IP:" + kAddress + ":1"); }},
+    {"CyberSecurityContract_hooks_and_ports",
+     [] {
+       cs().setTcpPortsVector({2, 3});
+     },
      [] {
        cs().setUserActivityLogger([]() -> Logger& { return theLogger; }), cs().userActivityLogger();
        cs().setRegisterConnectonCallback(recorder(1)), cs().registerConnection(kAddress, 1, true);
        cs().updateSecured(true), cs().updateIpAllPortsAllowed(kAddress, true), cs().isIpSecured(kAddress);
        cs().setTcpPortsVector({1, 2, 3, 4, 5});
-     }, {}},
+     },
+     {}},
 };
 
 class Library : public ::testing::TestWithParam<Operation> {};

@@ -58,7 +58,8 @@ int main() {
   }
   check(loggerUnset, "no user-activity logger at first");
   contract.registerConnection("192.0.2.1", 1, true);  // no callback: nothing happens
-  check(BoardTestPeer::hasSubscriber("CyberSecurity:Secured") && BoardTestPeer::hasSubscriber("CyberSecurity:NewCredentials") &&
+  check(BoardTestPeer::hasSubscriber("CyberSecurity:Secured") &&
+            BoardTestPeer::hasSubscriber("CyberSecurity:NewCredentials") &&
             BoardTestPeer::hasSubscriber("CyberSecurity:SecurityToken"),
         "the contract's three subscribers are installed");
   check(BoardTestPeer::entriesWithPrefix("CyberSecurity") == 3, "and nothing else: no getter");

@@ -56,7 +56,8 @@ TEST(CyberSecurityContract, TwoSignalsPublishingIntoEachOtherFailOneThreadAndBot
 
   int received = 0;
   tessel::ScopedConnection after = contract().connectSecuredSignalWithHandle([&received](bool) { ++received; });
-  tessel::ScopedConnection afterToo = contract().connectNewCredentialsSignalWithHandle([&received](bool) { ++received; });
+  tessel::ScopedConnection afterToo =
+      contract().connectNewCredentialsSignalWithHandle([&received](bool) { ++received; });
   contract().updateSecured(false);
   contract().updateAboutNewCreds();
   EXPECT_EQ(received, 2);
@@ -67,8 +68,8 @@ TEST(CyberSecurityContract, TwoSignalsPublishingIntoEachOtherFailOneThreadAndBot
 TEST(CyberSecurityContract, InitialDeliveryConnectingWhileASecuredCallbackPublishesFailsOneThread) {
   StartLine securedCallbackRuns(2), boardLockTaken(2);
   std::atomic<bool> armed{true};
-  tessel::ScopedConnection secured = contract().connectSecuredSignalWithHandle(
-      onceThen(armed, securedCallbackRuns, [&boardLockTaken] {
+  tessel::ScopedConnection secured =
+      contract().connectSecuredSignalWithHandle(onceThen(armed, securedCallbackRuns, [&boardLockTaken] {
         boardLockTaken.arriveAndWait();
         contract().updateIpPortAllowed("198.51.100.91", 1, true);
       }));
@@ -103,7 +104,8 @@ TEST(Signal, CycleOfThreeSignalsOnThreeThreadsFailsExactlyOne) {
     });
   }
 
-  EXPECT_EQ(deadlockErrors<3>({[&] { signals[0].emit(0); }, [&] { signals[1].emit(0); }, [&] { signals[2].emit(0); }}), 1);
+  EXPECT_EQ(deadlockErrors<3>({[&] { signals[0].emit(0); }, [&] { signals[1].emit(0); }, [&] { signals[2].emit(0); }}),
+            1);
   EXPECT_EQ(delivered, 5) << "three emissions and the two nested ones that were let through";
 }
 
@@ -113,10 +115,11 @@ TEST(Board, HeavyContentionWithoutACycleRaisesNothing) {
   std::array<tessel::Signal<int>, 2> signals;
   std::atomic<int> calls{0};
   // Each signal's callback takes the board's lock (signal before board, the one permitted nesting).
-  for (auto& signal : signals) signal.connect([&](int value) {
-    ++calls;
-    board.get<int>("k" + std::to_string(value % 4));
-  });
+  for (auto& signal : signals)
+    signal.connect([&](int value) {
+      ++calls;
+      board.get<int>("k" + std::to_string(value % 4));
+    });
   for (int key = 0; key < 4; ++key) {
     board.subscribe<int>("k" + std::to_string(key), [&](const int& value) { signals[value % 2].emit(value); });
   }

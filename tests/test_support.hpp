@@ -30,8 +30,8 @@ class BoardTestPeer {
 
  private:
   static BoardData& data() { return *MessageBoard::instance_.data_; }
-  static std::size_t count(BoardMap BoardData::*map, const std::string& key, bool prefix = false)
-      VANTOR_NO_THREAD_SAFETY_ANALYSIS {
+  static std::size_t count(BoardMap BoardData::*map, const std::string& key,
+                           bool prefix = false) VANTOR_NO_THREAD_SAFETY_ANALYSIS {
     tessel::detail::TrackedLock lock(data().mutex, "BoardTestPeer::count");
     if (!prefix) return (data().*map).count(BoardKey(key));
     std::size_t found = 0;
@@ -78,7 +78,9 @@ struct Counted {
   Counted(const Counted& other) : alive(other.alive) { ++*alive; }
   ~Counted() { --*alive; }
   template <typename... Args>
-  R operator()(Args&&...) const { return R(); }
+  R operator()(Args&&...) const {
+    return R();
+  }
 };
 
 }  // namespace vantor::testing

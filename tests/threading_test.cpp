@@ -15,8 +15,8 @@ class Logger {};
 namespace vantor {
 namespace {
 
-using messaging::CyberSecurityContract;
 using messaging::BoardTestPeer;
+using messaging::CyberSecurityContract;
 CyberSecurityContract& contract() { return CyberSecurityContract::instance(); }
 
 TEST(Board, NewSubscriberGetsTheCurrentValueBeforeAnyLaterPublication) {
@@ -31,10 +31,11 @@ TEST(Board, NewSubscriberGetsTheCurrentValueBeforeAnyLaterPublication) {
       board.update<int>("topic", [value] { return value; });
     }
     while (index == 1 && published.load() < kPublications / 4) std::this_thread::yield();
-    if (index == 1) board.subscribe<int>("topic", [&](const int& value) {
-      if (received.empty()) firstUnderLock = BoardTestPeer::heldByThisThread();
-      received.push_back(value);
-    });
+    if (index == 1)
+      board.subscribe<int>("topic", [&](const int& value) {
+        if (received.empty()) firstUnderLock = BoardTestPeer::heldByThisThread();
+        received.push_back(value);
+      });
   });
   ASSERT_FALSE(received.empty());
   EXPECT_TRUE(firstUnderLock) << "the first value is the initial delivery";
@@ -69,7 +70,8 @@ TEST(CyberSecurityContract, HostThreadsUsingEveryOperationAtOnceLoseNoCall) {
   std::atomic<int> registered{0}, portCalls[2] = {{0}, {0}};
   const auto countRegistrations = [&registered](const std::string&, int, bool) { ++registered; };
   contract().setTcpPortsVector({1, 2});
-  for (int port : {1, 2}) contract().subscribeToIpPortAllowed(address, port, [&, port](bool) { ++portCalls[port - 1]; });
+  for (int port : {1, 2})
+    contract().subscribeToIpPortAllowed(address, port, [&, port](bool) { ++portCalls[port - 1]; });
   testing::runTogether(5, [&](std::size_t index) {
     for (int round = 0; round < kRounds; ++round) {
       if (index == 0) contract().updateIpAllPortsAllowed(address, round % 2 == 0);
@@ -103,10 +105,9 @@ struct Reentrant {
 };
 
 TEST(CyberSecurityContract, MayBeCalledFromTheCopyConstructorOfAHostHook) {
-  const std::function<void()> calls[] = {[] { contract().setTcpPortsVector({1}); },
-                                         [] { contract().registerConnection("a", 1, true); },
-                                         [] { contract().setUserActivityLogger({}); },
-                                         [] { contract().updateIpAllPortsAllowed("a", true); }};
+  const std::function<void()> calls[] = {
+      [] { contract().setTcpPortsVector({1}); }, [] { contract().registerConnection("a", 1, true); },
+      [] { contract().setUserActivityLogger({}); }, [] { contract().updateIpAllPortsAllowed("a", true); }};
   const CyberSecurityContract::LoggerHook logger = Reentrant();
   const CyberSecurityContract::ConnectionCallback registrar = Reentrant();
   for (const auto& call : calls) {

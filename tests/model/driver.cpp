@@ -11,8 +11,8 @@
 #include <system_error>
 #include <type_traits>
 
-#include "test_support.hpp"
 #include "model/library_model.hpp"
+#include "test_support.hpp"
 #include "vantor/messaging/contract_cyber_security.hpp"
 
 class Logger {};
@@ -63,7 +63,9 @@ int code(const OptionalToken& token) {
 // The operation a callback of the driver re-enters, and the lock it would wait for: a deadlock error
 // must name both.
 std::string reentered[2];
-void reenters(std::string operation, std::string lock) { reentered[0] = std::move(operation), reentered[1] = std::move(lock); }
+void reenters(std::string operation, std::string lock) {
+  reentered[0] = std::move(operation), reentered[1] = std::move(lock);
+}
 
 // How a call ended, in the model's words.
 template <typename Call>
@@ -115,7 +117,9 @@ class Driver {
     while (pos_ < size_ && failure_.empty()) {
       ++steps_;
       operation();
-      if (failed_ && failure_.empty()) step("emit after a failure", [&] { model_.emit(0); }, [&] { signal_.emit(0); });
+      if (failed_ && failure_.empty())
+        step(
+            "emit after a failure", [&] { model_.emit(0); }, [&] { signal_.emit(0); });
     }
     return failure_;
   }
@@ -131,23 +135,29 @@ class Driver {
       case 0: {
         const Source sources[] = {Source::Empty, Source::Throw, Source::Reenter, Source::Logged};
         const Getter getter{sources[std::min(y % 8, 3)], y};
-        return step("update", [&] { m.update(key, getter); },
-                    [&] { contract(c).update<int>(topic, libraryGetter(getter)); });
+        return step(
+            "update", [&] { m.update(key, getter); }, [&] { contract(c).update<int>(topic, libraryGetter(getter)); });
       }
-      case 1: return step("notify", [&] { m.notify(key, y); }, [&] { contract(c).notify<int>(topic, y); });
+      case 1:
+        return step(
+            "notify", [&] { m.notify(key, y); }, [&] { contract(c).notify<int>(topic, y); });
       case 2: {
         const Sub sub{++ids_, kSubscribers[y % 9], key, c, topic};
-        return step("subscribe", [&] { m.subscribe(key, sub); }, [&] { subscribe(sub); });
+        return step(
+            "subscribe", [&] { m.subscribe(key, sub); }, [&] { subscribe(sub); });
       }
-      case 3: return step("unsubscribe", [&] { m.unsubscribe(key); }, [&] { contract(c).unsubscribe(topic); });
+      case 3:
+        return step(
+            "unsubscribe", [&] { m.unsubscribe(key); }, [&] { contract(c).unsubscribe(topic); });
       case 4:
-        return step("get", [&] { m.log.push_back(entry('v', 0, m.get(key).value_or(-1), false)); },
-                    [&] { log_.push_back(entry('v', 0, contract(c).get<int>(topic).value_or(-1), false)); });
+        return step(
+            "get", [&] { m.log.push_back(entry('v', 0, m.get(key).value_or(-1), false)); },
+            [&] { log_.push_back(entry('v', 0, contract(c).get<int>(topic).value_or(-1), false)); });
       case 5: {  // naming bool for a key that holds int
         const auto found = m.board.find(key);
         const auto mismatch = [] { fail("mismatch"); };
-        const bool getter = m.nonEmptyGetter(key), sub = found != m.board.end() && found->second.sub &&
-                                                        found->second.sub->kind != Kind::Empty;
+        const bool getter = m.nonEmptyGetter(key),
+                   sub = found != m.board.end() && found->second.sub && found->second.sub->kind != Kind::Empty;
         if (y % 3 == 0 && getter) return step("get<bool>", mismatch, [&] { contract(c).get<bool>(topic); });
         if (y % 3 == 1 && getter) {
           return step("subscribe<bool>", mismatch, [&] { contract(c).subscribe<bool>(topic, [](const bool&) {}); });
@@ -156,37 +166,51 @@ class Driver {
         return;
       }
       case 6:
-        return step("destroy and recreate", [&] { m.purge(kNames[c]); },
-                    [&] { contracts_[c] = std::make_unique<TestContract>(kNames[c]); });
+        return step(
+            "destroy and recreate", [&] { m.purge(kNames[c]); },
+            [&] { contracts_[c] = std::make_unique<TestContract>(kNames[c]); });
       case 7: {
         const Slot slot{kSlots[y % 7], z / 3 % 8, z % 3};  // the target may be connected later, or never
-        return step("connect", [&] { m.connect(slot); },
-                    [&] { handles_.push_back(signal_.connect(slotCallback(handles, slot))); });
+        return step(
+            "connect", [&] { m.connect(slot); },
+            [&] { handles_.push_back(signal_.connect(slotCallback(handles, slot))); });
       }
-      case 8: return step("emit", [&] { m.emit(y); }, [&] { signal_.emit(y); });
+      case 8:
+        return step(
+            "emit", [&] { m.emit(y); }, [&] { signal_.emit(y); });
       case 9:
         if (handles == 0) return;
-        return step("flag", [&] { m.setFlag(y % handles, z % 3); }, [&] { setFlag(handles_[y % handles], z % 3); });
+        return step(
+            "flag", [&] { m.setFlag(y % handles, z % 3); }, [&] { setFlag(handles_[y % handles], z % 3); });
       case 10:
         if (handles == 0) return;
-        return step("block for a scope", [&] { m.pushBlocker(y % handles); },
-                    [&] { blockers_.push_back(std::make_unique<tessel::ConnectionBlocker>(handles_[y % handles])); });
+        return step(
+            "block for a scope", [&] { m.pushBlocker(y % handles); },
+            [&] { blockers_.push_back(std::make_unique<tessel::ConnectionBlocker>(handles_[y % handles])); });
       case 11:
         if (blockers == 0) return;
-        return step("end a block", [&] { m.popBlocker(y % blockers); },
-                    [&] { blockers_.erase(blockers_.begin() + y % blockers); });
+        return step(
+            "end a block", [&] { m.popBlocker(y % blockers); },
+            [&] { blockers_.erase(blockers_.begin() + y % blockers); });
       case 12:
-        if (y % 2 == 1) return step("release scoped", [&] { m.scoped = -1; }, [&] { scoped_.release(); });
+        if (y % 2 == 1)
+          return step(
+              "release scoped", [&] { m.scoped = -1; }, [&] { scoped_.release(); });
         if (handles == 0) return;
-        return step("assign scoped", [&] { m.scopedAssign(z % handles); },
-                    [&] { scoped_ = tessel::ScopedConnection(handles_[z % handles]); });
-      case 13: return step("disconnectAll", [&] { m.disconnectAll(); }, [&] { signal_.disconnectAll(); });
+        return step(
+            "assign scoped", [&] { m.scopedAssign(z % handles); },
+            [&] { scoped_ = tessel::ScopedConnection(handles_[z % handles]); });
+      case 13:
+        return step(
+            "disconnectAll", [&] { m.disconnectAll(); }, [&] { signal_.disconnectAll(); });
       case 14:
-        return step("updateSecured", [&] { m.secured = y % 2, m.update("CyberSecurity:Secured", {Source::Secured}); },
-                    [&] { cs_.updateSecured(y % 2); });
+        return step(
+            "updateSecured", [&] { m.secured = y % 2, m.update("CyberSecurity:Secured", {Source::Secured}); },
+            [&] { cs_.updateSecured(y % 2); });
       case 15:
-        return step("updateAboutNewCreds", [&] { m.notify("CyberSecurity:NewCredentials", 1); },
-                    [&] { cs_.updateAboutNewCreds(); });
+        return step(
+            "updateAboutNewCreds", [&] { m.notify("CyberSecurity:NewCredentials", 1); },
+            [&] { cs_.updateAboutNewCreds(); });
       case 16: {
         const std::optional<int> token = y % 3 == 0 ? std::nullopt : std::optional<int>(y % 3 == 1 ? 0 : y);
         CyberSecurityContract::Token bytes;
@@ -196,8 +220,12 @@ class Driver {
                     [&] { cs_.updateSecurityToken(token ? OptionalToken(bytes) : boost::none); });
       }
       case 17:
-        return step("updateIpPortAllowed", [&] { m.update(pairKey(address, port), {Source::Fixed, y % 2}); },
-                    [&] { cs_.updateIpPortAllowed(address, port, y % 2); });
+        return step(
+            "updateIpPortAllowed",
+            [&] {
+              m.update(pairKey(address, port), {Source::Fixed, y % 2});
+            },
+            [&] { cs_.updateIpPortAllowed(address, port, y % 2); });
       case 18: {
         const auto walk = [&] {
           m.update(kIp + address, {Source::Fixed, y % 2});
@@ -207,20 +235,25 @@ class Driver {
       }
       case 19: {
         const Sub sub{++ids_, kSubscribers[y % 9], pairKey(address, port), -1, "", address, port};
-        return step("subscribeToIpPortAllowed", [&] { m.subscribe(sub.key, sub); }, [&] { subscribe(sub); });
+        return step(
+            "subscribeToIpPortAllowed", [&] { m.subscribe(sub.key, sub); }, [&] { subscribe(sub); });
       }
       case 20:
-        return step("unsubscribeFromIpPortAllowed", [&] { m.unsubscribe(pairKey(address, port)); },
-                    [&] { cs_.unsubscribeFromIpPortAllowed(address, port); });
+        return step(
+            "unsubscribeFromIpPortAllowed", [&] { m.unsubscribe(pairKey(address, port)); },
+            [&] { cs_.unsubscribeFromIpPortAllowed(address, port); });
       case 21:
-        return step("isIpSecured", [&] { m.log.push_back(entry('i', 0, m.isIpSecured(address, false), false)); },
-                    [&] { log_.push_back(entry('i', 0, cs_.isIpSecured(address), false)); });
+        return step(
+            "isIpSecured", [&] { m.log.push_back(entry('i', 0, m.isIpSecured(address, false), false)); },
+            [&] { log_.push_back(entry('i', 0, cs_.isIpSecured(address), false)); });
       case 22:
-        return step("setTcpPortsVector", [&] { m.ports = kPortLists[y % 5]; }, [&] {
-          std::vector<int> ports = kPortLists[y % 5];
-          cs_.setTcpPortsVector(std::move(ports));
-          if (ports != kPortLists[y % 5]) log_.push_back("argument emptied");  // NOLINT: it must keep its elements
-        });
+        return step(
+            "setTcpPortsVector", [&] { m.ports = kPortLists[y % 5]; },
+            [&] {
+              std::vector<int> ports = kPortLists[y % 5];
+              cs_.setTcpPortsVector(std::move(ports));
+              if (ports != kPortLists[y % 5]) log_.push_back("argument emptied");  // NOLINT: it must keep its elements
+            });
       case 23: {  // sets a host hook (z % 2: the logger, the connection callback) to none, a recorder or a thrower
         const int hook = z % 2, kind = y % 3;
         CyberSecurityContract::LoggerHook logger;
@@ -229,8 +262,9 @@ class Driver {
         if (kind == 1) registrar = [this](auto& at, int p, bool f) { log_.push_back(entry('r', p, f, 0) + at); };
         if (kind == 2) logger = []() -> Logger& { throw std::runtime_error("thrown"); };
         if (kind == 2) registrar = [](const std::string&, int, bool) { throw std::runtime_error("thrown"); };
-        return step("set a host hook", [&] { m.hooks[hook] = kind; },
-                    [&] { hook ? cs_.setRegisterConnectonCallback(registrar) : cs_.setUserActivityLogger(logger); });
+        return step(
+            "set a host hook", [&] { m.hooks[hook] = kind; },
+            [&] { hook ? cs_.setRegisterConnectonCallback(registrar) : cs_.setUserActivityLogger(logger); });
       }
       case 24: {  // calls a host hook
         const int hook = z % 2;
@@ -247,8 +281,9 @@ class Driver {
         const int signal = y % 3, id = ++ids_, index = static_cast<int>(m.contractSlots[signal].size());
         const Kind kind = kContractSlots[z % 4];
         if (m.contractSlots[signal].size() == kSlotsPerRun) return;
-        return step("connect to the contract", [&] { m.contractSlots[signal].emplace_back(id, kind); },
-                    [&] { connectContract(cs_, signal, index, contractSlot(signal, id, kind)); });
+        return step(
+            "connect to the contract", [&] { m.contractSlots[signal].emplace_back(id, kind); },
+            [&] { connectContract(cs_, signal, index, contractSlot(signal, id, kind)); });
       }
     }
   }
@@ -303,7 +338,8 @@ class Driver {
     switch (getter.source) {
       case Source::Empty: return {};
       case Source::Throw: return []() -> int { throw std::runtime_error("thrown"); };
-      case Source::Reenter: return [this] { return reenters("Contract::get", kBoardLock), contract(0).get<int>("b").value_or(0); };
+      case Source::Reenter:
+        return [this] { return reenters("Contract::get", kBoardLock), contract(0).get<int>("b").value_or(0); };
       default: return [this, value = getter.value] { return logged('g', 0, value); };
     }
   }
@@ -322,7 +358,8 @@ class Driver {
     logged('s', sub.id, value);
     if (sub.kind == Kind::Throw) throw std::runtime_error("thrown");
     const auto named = [&sub](const char* pair, const char* own) {
-      reenters(sub.pair() ? std::string("CyberSecurityContract::") + pair : std::string("Contract::") + own, kBoardLock);
+      reenters(sub.pair() ? std::string("CyberSecurityContract::") + pair : std::string("Contract::") + own,
+               kBoardLock);
     };
     if (sub.kind == Kind::Republish && busy_.insert(sub.id).second) {
       Busy busy{busy_, sub.id};
@@ -341,12 +378,12 @@ class Driver {
     }
     if (sub.kind == Kind::Query) {
       named("isIpSecured", "get");
-      log_.push_back(entry('q', sub.id, sub.pair() ? cs_.isIpSecured(sub.address)
-                                                   : contract(sub.contract).get<int>(sub.topic).value_or(-1), false));
+      log_.push_back(entry(
+          'q', sub.id,
+          sub.pair() ? cs_.isIpSecured(sub.address) : contract(sub.contract).get<int>(sub.topic).value_or(-1), false));
     }
     if (sub.kind == Kind::SetPorts) cs_.setTcpPortsVector({-1, 17161});
   }
-
 
   tessel::Signal<int>::Callback slotCallback(int index, const Slot& slot) {
     if (slot.kind == Kind::Empty) return {};
@@ -357,7 +394,9 @@ class Driver {
         setFlag(handles_[slot.target], slot.action);
       }
       if (slot.kind != Kind::Reenter) return;
-      reenters(slot.action == 0 ? "Signal::emit" : slot.action == 1 ? "Signal::connect" : "Signal::disconnectAll",
+      reenters(slot.action == 0   ? "Signal::emit"
+               : slot.action == 1 ? "Signal::connect"
+                                  : "Signal::disconnectAll",
                "a signal's lock");
       if (slot.action == 0) signal_.emit(value);
       if (slot.action == 1) signal_.connect({});

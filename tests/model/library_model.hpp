@@ -83,9 +83,9 @@ class Model {
   std::optional<int> token;  // all 32 bytes equal this one
   std::vector<int> ports{17161, 17168, 17171, 17172, 17175, 17176, 17178};
   std::vector<std::pair<int, Kind>> contractSlots[3];
-  int hooks[2] = {0, 0};          // the logger and the connection callback: none, recorder, thrower
-  std::vector<Slot> slots;        // every slot ever connected to the signal, by handle index
-  std::list<int> order;           // the signal's list, in connection order
+  int hooks[2] = {0, 0};                       // the logger and the connection callback: none, recorder, thrower
+  std::vector<Slot> slots;                     // every slot ever connected to the signal, by handle index
+  std::list<int> order;                        // the signal's list, in connection order
   std::vector<std::pair<int, bool>> blockers;  // slot, and the blocked flag it found
   int scoped = -1;
 
@@ -130,8 +130,10 @@ class Model {
   bool blocked(const Slot& slot) const { return slot.blocked || slot.blockers > 0; }
   void setFlag(int index, int action) {
     if (index >= static_cast<int>(slots.size()) || slots[index].erased) return;
-    if (action == 0) slots[index].disconnected = true;
-    else slots[index].blocked = action == 1;
+    if (action == 0)
+      slots[index].disconnected = true;
+    else
+      slots[index].blocked = action == 1;
   }
   // A blocker either counts (the slot is blocked while any lives) or restores the flag it found.
   void pushBlocker(int index) {

@@ -34,7 +34,8 @@ PLUGIN_API void pluginUseContract(std::atomic<int>* alive) {
   contract.subscribeToIpPortAllowed("192.0.2.7", 17161, Counted<>(*alive));
   contract.setUserActivityLogger(CountedLogger{Counted<>(*alive)});
   contract.setRegisterConnectonCallback(Counted<>(*alive));
-  contract.updateSecured(true), contract.updateAboutNewCreds(), contract.updateSecurityToken(CyberSecurityContract::Token{7});
+  contract.updateSecured(true), contract.updateAboutNewCreds(),
+      contract.updateSecurityToken(CyberSecurityContract::Token{7});
   contract.updateIpAllPortsAllowed("192.0.2.7", true), contract.userActivityLogger();
   contract.registerConnection("192.0.2.7", 17161, true);
 }
