@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <functional>
 #include <memory>
@@ -111,6 +112,13 @@ void expectFirstOnly(const std::function<void()>& publish) {
   received.clear(), publish();
   EXPECT_EQ(received, std::vector<int>{1}) << "the earlier callback stays, and no other was added";
 }
+// What a failed walk left: the address topic, then the ports, published up to some point and no further.
+void expectPublishedPrefix() {
+  const std::string prefix = "CyberSecurity:IP:" + kAddress;
+  std::vector<bool> published;
+  for (const std::string suffix : {"", ":1", ":2", ":3"}) published.push_back(BoardTestPeer::hasGetter(prefix + suffix));
+  EXPECT_TRUE(std::is_sorted(published.rbegin(), published.rend())) << "only a prefix of the walk was published";
+}
 void expectBothOrNeither(const std::string& key) {
   EXPECT_EQ(BoardTestPeer::hasGetter(key), BoardTestPeer::hasSubscriber(key));
 }
@@ -156,6 +164,12 @@ const Operation kOperations[] = {
     {"CyberSecurityContract_subscribeToIpPortAllowed", arrangePair,
      [] { cs().subscribeToIpPortAllowed(kAddress, 1, recorder(2)); },
      [] { expectFirstOnly([] { cs().updateIpPortAllowed(kAddress, 1, true); }); }},
+    {"CyberSecurityContract_updateIpAllPortsAllowed",
+     [] {
+       { TestContract sweep("CyberSecurity:IP:"); }
+       cs().setTcpPortsVector({1, 2, 3});
+     },
+     [] { cs().updateIpAllPortsAllowed(kAddress, true); }, expectPublishedPrefix},
     {"CyberSecurityContract_unsubscribeFromIpPortAllowed", arrangePair,
      [] { cs().unsubscribeFromIpPortAllowed(kAddress, 1); },
      [] { expectBothOrNeither("CyberSecurity:IP:" + kAddress + ":1"); }},
