@@ -116,7 +116,8 @@ void expectFirstOnly(const std::function<void()>& publish) {
 void expectPublishedPrefix() {
   const std::string prefix = "CyberSecurity:IP:" + kAddress;
   std::vector<bool> published;
-  for (const std::string suffix : {"", ":1", ":2", ":3"}) published.push_back(BoardTestPeer::hasGetter(prefix + suffix));
+  for (const std::string suffix : {"", ":1", ":2", ":3"})
+    published.push_back(BoardTestPeer::hasGetter(prefix + suffix));
   EXPECT_TRUE(std::is_sorted(published.rbegin(), published.rend())) << "only a prefix of the walk was published";
 }
 void expectBothOrNeither(const std::string& key) {

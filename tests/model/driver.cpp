@@ -42,15 +42,6 @@ const char* const kBoardLock = "the message board's lock";
 const char* const kSignalLocks[] = {"the secured signal's lock", "the new-credentials signal's lock",
                                     "the security token signal's lock"};
 
-// Whether the contract's connects hand back a Connection. Without that, a slot connected to the contract
-// stays for the process's lifetime: each signal then gets kSlotsPerRun slots once, and a run's k-th
-// connect lends slot k a behaviour until the run ends.
-template <typename C, typename = void>
-struct HasHandles : std::false_type {};
-template <typename C>
-struct HasHandles<C, std::void_t<decltype(&C::connectSecuredSignalWithHandle)>> : std::true_type {};
-std::function<void(int)> lent[3][kSlotsPerRun];
-
 // A token as the model writes it: -1 for none, else the byte all 32 equal (999 if they differ).
 int code(const OptionalToken& token) {
   if (!token) return -1;
@@ -108,9 +99,6 @@ class Driver {
     cs_.setUserActivityLogger({});
     cs_.setRegisterConnectonCallback({});
     for (int index = 0; index < 3; ++index) contracts_[index] = std::make_unique<TestContract>(kNames[index]);
-  }
-  ~Driver() {
-    for (auto& slots : lent) std::fill(std::begin(slots), std::end(slots), nullptr);
   }
 
   std::string run() {
@@ -278,12 +266,12 @@ class Driver {
         });
       }
       case 25: {
-        const int signal = y % 3, id = ++ids_, index = static_cast<int>(m.contractSlots[signal].size());
+        const int signal = y % 3, id = ++ids_;
         const Kind kind = kContractSlots[z % 4];
         if (m.contractSlots[signal].size() == kSlotsPerRun) return;
         return step(
             "connect to the contract", [&] { m.contractSlots[signal].emplace_back(id, kind); },
-            [&] { connectContract(cs_, signal, index, contractSlot(signal, id, kind)); });
+            [&] { connectContract(signal, contractSlot(signal, id, kind)); });
       }
     }
   }
@@ -422,24 +410,11 @@ class Driver {
       if (signal == 2) cs_.updateSecurityToken(OptionalToken(cs_.getSecurityToken()));
     };
   }
-  template <typename C>
-  void connectContract(C& cs, int signal, int index, std::function<void(int)> behaviour) {
-    if constexpr (HasHandles<C>::value) {
-      const auto token = [behaviour](const OptionalToken& value) { behaviour(code(value)); };
-      if (signal == 0) owned_.emplace_back(cs.connectSecuredSignalWithHandle(behaviour));
-      if (signal == 1) owned_.emplace_back(cs.connectNewCredentialsSignalWithHandle(behaviour));
-      if (signal == 2) owned_.emplace_back(cs.connectSecurityTokenSignalWithHandle(token));
-    } else {
-      static const bool connected = [&cs] {
-        for (auto& slot : lent[0]) cs.connectSecuredSignal([&slot](bool value) { slot ? slot(value) : void(); });
-        for (auto& slot : lent[1]) cs.connectNewCredentialsSignal([&slot](bool value) { slot ? slot(value) : void(); });
-        for (auto& slot : lent[2]) {
-          cs.connectSecurityTokenSignal([&slot](const OptionalToken& value) { slot ? slot(code(value)) : void(); });
-        }
-        return true;
-      }();
-      lent[signal][index] = connected ? std::move(behaviour) : nullptr;
-    }
+  void connectContract(int signal, std::function<void(int)> behaviour) {
+    const auto token = [behaviour](const OptionalToken& value) { behaviour(code(value)); };
+    if (signal == 0) owned_.emplace_back(cs_.connectSecuredSignalWithHandle(behaviour));
+    if (signal == 1) owned_.emplace_back(cs_.connectNewCredentialsSignalWithHandle(behaviour));
+    if (signal == 2) owned_.emplace_back(cs_.connectSecurityTokenSignalWithHandle(token));
   }
 
   const std::uint8_t* data_;
@@ -447,7 +422,7 @@ class Driver {
   int steps_ = 0, ids_ = 0;
   bool failed_ = false;
   std::string failure_;
-  Model model_{HasHandles<CyberSecurityContract>::value};  // blockers count once the handles exist
+  Model model_;
   std::vector<std::string> log_;
   std::set<int> busy_;
   CyberSecurityContract& cs_ = CyberSecurityContract::instance();

@@ -67,7 +67,7 @@ struct Busy {
 
 class Model {
  public:
-  explicit Model(bool countedBlockers) : counted_(countedBlockers) {
+  Model() {
     board["CyberSecurity:Secured"] = {Getter{Source::Secured}, Sub{0, Kind::Own, ""}};
     board["CyberSecurity:NewCredentials"].sub = Sub{1, Kind::Own, ""};
     board["CyberSecurity:SecurityToken"] = {Getter{Source::Token}, Sub{2, Kind::Own, ""}};
@@ -135,17 +135,15 @@ class Model {
     else
       slots[index].blocked = action == 1;
   }
-  // A blocker either counts (the slot is blocked while any lives) or restores the flag it found.
+  // Blockers count: the slot is blocked while any of them lives.
   void pushBlocker(int index) {
-    Slot& slot = slots[index];
-    blockers.emplace_back(index, !slot.erased && slot.blocked);
-    if (!slot.erased) counted_ ? void(++slot.blockers) : void(slot.blocked = true);
+    blockers.emplace_back(index, !slots[index].erased);
+    if (!slots[index].erased) ++slots[index].blockers;
   }
   void popBlocker(std::size_t which) {
-    const auto [index, found] = blockers[which];
+    const auto [index, counted] = blockers[which];
     blockers.erase(blockers.begin() + static_cast<long>(which));
-    Slot& slot = slots[index];
-    if (!slot.erased) counted_ ? void(--slot.blockers) : void(slot.blocked = found);
+    if (counted && !slots[index].erased) --slots[index].blockers;
   }
   void scopedAssign(int index) {
     if (scoped >= 0) setFlag(scoped, 0);
@@ -238,7 +236,6 @@ class Model {
   }
 
   std::set<int> busy_;
-  bool counted_;
 };
 
 }  // namespace vantor::model
