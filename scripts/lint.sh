@@ -46,7 +46,7 @@ tidy_status=0
 clang-tidy -p build/lint --extra-arg=-std=c++17 --quiet "${tidy_files[@]}" >"$tidy_log" 2>&1 || tidy_status=$?
 cat "$tidy_log"
 # A header's finding is reported once per source file that includes it; count it once.
-findings=$(grep -E '^[^ ].*:[0-9]+:[0-9]+: (warning|error): ' "$tidy_log" | sort -u | wc -l)
+findings=$({ grep -E '^[^ ].*:[0-9]+:[0-9]+: (warning|error): ' "$tidy_log" || true; } | sort -u | wc -l)
 if (( tidy_status != 0 && findings == 0 )); then
   echo "lint: clang-tidy failed (exit status $tidy_status) without a finding; see above" >&2
   findings=1
