@@ -105,7 +105,7 @@ for name in $names; do
     echo "SURVIVED $name"
     survived=$((survived + 1))
   else
-    echo "KILLED   $name  ($(grep -m1 -oE '[0-9]+ - [^ ]+' "$scratch/$name.log" | sed 's/^[0-9]* - //'))"
+    echo "KILLED   $name  ($({ grep -m1 -oE '[0-9]+ - [^ ]+' "$scratch/$name.log" || true; } | sed 's/^[0-9]* - //'))"
     killed=$((killed + 1))
   fi
   restore
