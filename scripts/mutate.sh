@@ -53,6 +53,12 @@ ip-secured-false-while-unsecured @@ src/contract_cyber_security.cpp @@   if (!se
 ports-moved-out-of-the-argument @@ src/contract_cyber_security.cpp @@ std::vector<int> replacement(ports.begin(), ports.end()); @@ std::vector<int> replacement(std::move(ports));
 connection-flag-lost @@ src/contract_cyber_security.cpp @@   if (callback) (*callback)(address, port, allowed); @@   if (callback) (*callback)(address, port, true);
 hook-copied-under-the-lock @@ src/contract_cyber_security.cpp @@     callback = registerConnectionCallback_; @@     if (registerConnectionCallback_) callback = std::make_shared<const ConnectionCallback>(*registerConnectionCallback_);
+get-calls-the-getter-twice @@ include/vantor/messaging/contract.hpp @@   return found->second.template get<T>(); @@   found->second.template get<T>();\n  return found->second.template get<T>();
+delivery-runs-the-stored-subscriber @@ include/vantor/messaging/contract.hpp @@   if (delivery) delivery->template deliver<T>(value.value); @@   if (delivery) board.subscribers.find(entry->first)->second.template deliver<T>(value.value);
+connect-appends-before-allocating-the-status @@ include/vantor/tessel/signal.hpp @@     std::shared_ptr<Connection::Status> status(new detail::SlotState());\n    slots_.emplace_back(callback, std::move(status)); @@     slots_.emplace_back(callback, nullptr);\n    slots_.back().second.reset(new detail::SlotState());
+walk-snapshots-the-ports-before-the-address @@ src/contract_cyber_security.cpp @@   publish<bool>(\n      addressKey(address), [allowed] { return allowed; }, kOperation); @@   const std::vector<int> early = [this] {\n    tessel::detail::TrackedLock lock(mutex_, kOperation);\n    return tcpPorts_;\n  }();\n  publish<bool>(\n      addressKey(address), [allowed] { return allowed; }, kOperation);
+walk-snapshots-the-ports-before-the-address @@ src/contract_cyber_security.cpp @@     ports = tcpPorts_; @@     ports = early;
+ip-secured-reads-the-board-while-unsecured @@ src/contract_cyber_security.cpp @@   if (!secured_.load(std::memory_order_acquire)) return true; @@   const bool published = read<bool>(addressKey(address), "isIpSecured").value_or(false);\n  if (!secured_.load(std::memory_order_acquire)) return true;\n  if (published) return true;
 EOF
 
 # Applies the edits of mutant $1 to $tree (which must be unmutated); fails unless each text occurs once.
