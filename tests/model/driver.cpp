@@ -1,15 +1,16 @@
 // Decodes bytes into library operations (four bytes each: the operation and three parameters), runs
-// each one on the model and on the library, and after every step compares the calls made, the
-// exception raised, the board's entries and lock, the signal's handles and the contract's state.
+// each one on the model and then on the library through the same Api (library_model.hpp), and after
+// every step compares the calls made, the exception raised, the board's entries and lock, the signal's
+// handles and the contract's state.
 
 #include "model/driver.hpp"
 
 #include <algorithm>
+#include <functional>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
 #include <system_error>
-#include <type_traits>
 
 #include "model/library_model.hpp"
 #include "test_support.hpp"
@@ -26,275 +27,226 @@ using messaging::CyberSecurityContract;
 using messaging::TestContract;
 using OptionalToken = CyberSecurityContract::OptionalToken;
 
-// Names that are prefixes of each other, and "Q:a" whose topic "b" has the key of topic "a:b" of "Q".
-const std::string kNames[] = {"Q", "Qu", "Q:a"}, kTopics[] = {"", "b", "a:b"};
+const std::string kTopics[] = {"", "b", "a:b"};
 // The address topic of "a:17161" is the port topic of ("a", 17161).
 const std::string kAddresses[] = {"a", "a:17161", ""};
 const int kPorts[] = {17161, 17178, -1};
 const std::vector<int> kPortLists[] = {{}, {17161}, {17161, 17161}, {-1, 17178, 17161}, {17178, 17161, -1, 0}};
-const Kind kSubscribers[] = {Kind::Record,   Kind::Record,  Kind::Empty, Kind::Throw,   Kind::Republish,
-                             Kind::Withdraw, Kind::Replace, Kind::Query, Kind::SetPorts};
+const Source kSources[] = {Source::Empty, Source::Throw, Source::Reenter, Source::Logged};
+const Kind kSubscribers[] = {Kind::Record,   Kind::Record,  Kind::Empty, Kind::Throw,    Kind::Republish,
+                             Kind::Withdraw, Kind::Replace, Kind::Query, Kind::SetPorts, Kind::Connect};
 const Kind kSlots[] = {Kind::Record, Kind::Record, Kind::Empty, Kind::Throw, Kind::Reenter, Kind::Flag, Kind::Flag};
 const Kind kContractSlots[] = {Kind::Record, Kind::Throw, Kind::Reenter, Kind::Query};
-constexpr std::size_t kSlotsPerRun = 4;  // per contract signal
 Logger theLogger;
-const char* const kBoardLock = "the message board's lock";
-const char* const kSignalLocks[] = {"the secured signal's lock", "the new-credentials signal's lock",
-                                    "the security token signal's lock"};
 
-// A token as the model writes it: -1 for none, else the byte all 32 equal (999 if they differ).
-int code(const OptionalToken& token) {
-  if (!token) return -1;
-  for (const unsigned char byte : *token) {
-    if (byte != token->front()) return 999;
+// A token as the model writes it: none, or the byte all 32 equal (999 if they differ).
+std::optional<int> code(const OptionalToken& token) {
+  if (!token) return std::nullopt;
+  const bool even = std::all_of(token->begin(), token->end(), [&](unsigned char b) { return b == token->front(); });
+  return even ? token->front() : 999;
+}
+
+// A host hook that records its calls into `calls`, that throws, or whose copy constructor calls the
+// contract (which must never copy a hook while it holds a lock of its own).
+struct Hook {
+  Calls* calls;
+  int kind;
+  std::function<void()> onCopy;
+  Hook(Calls* to, int as, std::function<void()> copied) : calls(to), kind(as), onCopy(std::move(copied)) {}
+  Hook(const Hook& other) : Hook(other.calls, other.kind, other.onCopy) {
+    if (kind == 3) onCopy();
   }
-  return token->front();
-}
-
-// The operation a callback of the driver re-enters, and the lock it would wait for: a deadlock error
-// must name both.
-std::string reentered[2];
-void reenters(std::string operation, std::string lock) {
-  reentered[0] = std::move(operation), reentered[1] = std::move(lock);
-}
-
-// How a call ended, in the model's words.
-template <typename Call>
-std::string outcome(Call call) {
-  try {
-    call();
-    return "ok";
-  } catch (const Failure& failure) {
-    return failure.what;
-  } catch (const std::bad_function_call&) {
-    return "empty";
-  } catch (const std::system_error& error) {
-    const std::string what = error.what();
-    if (error.code() != std::errc::resource_deadlock_would_occur) return what;
-    for (const std::string& part : reentered) {
-      if (what.find(part) == std::string::npos) return "deadlock not naming " + part + ": " + what;
-    }
-    // One thread: a re-entry or a refused lock order, never a cycle between threads.
-    if (what.find("already holds") == std::string::npos && what.find("while this thread holds") == std::string::npos) {
-      return "deadlock not told as a re-entry: " + what;
-    }
-    return "deadlock";
-  } catch (const std::invalid_argument&) {
-    return "mismatch";
-  } catch (const std::exception& error) {
-    return error.what();
+  Logger& operator()() const {
+    if (kind == 2) fail("thrown");
+    return theLogger;
   }
-}
+  void operator()(const std::string& address, int port, bool flag) const {
+    if (kind == 2) fail("thrown");
+    calls->log.push_back(entry('r', port, flag) + address);
+  }
+};
 
-std::string join(const std::vector<std::string>& items) {
-  std::string joined;
-  for (const std::string& item : items) joined += item + " ";
-  return joined;
-}
-
-class Driver {
+class Driver : public Calls {
  public:
   Driver(const std::uint8_t* data, std::size_t size) : data_(data), size_(size) {
     { TestContract sweep("CyberSecurity:IP:"); }  // its purge removes every address and pair topic
     static bool first = true;
     if (!std::exchange(first, false)) cs_.setTcpPortsVector(std::vector<int>(model_.ports));  // else the defaults
-    cs_.updateSecured(false);
-    cs_.updateSecurityToken(boost::none);
-    cs_.setUserActivityLogger({});
-    cs_.setRegisterConnectonCallback({});
+    cs_.updateSecured(false), cs_.updateSecurityToken(boost::none);
+    cs_.setUserActivityLogger({}), cs_.setRegisterConnectonCallback({});
     for (int index = 0; index < 3; ++index) contracts_[index] = std::make_unique<TestContract>(kNames[index]);
   }
 
   std::string run() {
     while (pos_ < size_ && failure_.empty()) {
       ++steps_;
-      operation();
-      if (failed_ && failure_.empty())
-        step(
-            "emit after a failure", [&] { model_.emit(0); }, [&] { signal_.emit(0); });
+      if (operation() && failure_.empty()) step("emit after a failure", [](auto& api) { api.emit(0); });
     }
     return failure_;
   }
 
+  // ---- the library, under the model's names (library_model.hpp lists them) -------------------------
+  bool underBoardLock() { return BoardTestPeer::heldByThisThread(); }
+  void update(const Topic& topic, Getter getter) {
+    if (topic.pair()) return cs_.updateIpPortAllowed(topic.address, topic.port, getter.value != 0);
+    contract(topic).update<int>(topic.topic, libraryGetter(getter));
+  }
+  void notify(const Topic& topic, int value) { contract(topic).notify<int>(topic.topic, value); }
+  void subscribe(const Sub& sub) {
+    const auto act = [this, sub](int value) { actAsSubscriber(*this, sub, value); };
+    if (sub.topic.pair()) {
+      cs_.subscribeToIpPortAllowed(sub.topic.address, sub.topic.port,
+                                   sub.kind == Kind::Empty ? nullptr : std::function<void(bool)>(act));
+    } else {
+      contract(sub.topic).subscribe<int>(sub.topic.topic,
+                                         sub.kind == Kind::Empty ? nullptr : std::function<void(const int&)>(act));
+    }
+  }
+  void unsubscribe(const Topic& topic) {
+    if (topic.pair()) return cs_.unsubscribeFromIpPortAllowed(topic.address, topic.port);
+    contract(topic).unsubscribe(topic.topic);
+  }
+  std::optional<int> get(const Topic& topic) {
+    const boost::optional<int> value = contract(topic).get<int>(topic.topic);
+    return value ? std::optional<int>(*value) : std::nullopt;
+  }
+  void mismatch(const Topic& topic, int how) {
+    if (how == 0) contract(topic).get<bool>(topic.topic);
+    if (how == 1) contract(topic).subscribe<bool>(topic.topic, [](const bool&) {});
+    if (how == 2) contract(topic).notify<bool>(topic.topic, true);
+  }
+  void recreate(int index) { contracts_[index] = std::make_unique<TestContract>(kNames[index]); }
+
+  void connect(const Slot& slot) {
+    tessel::Signal<int>::Callback callback;
+    if (slot.kind != Kind::Empty)
+      callback = [this, index = handles_.size(), slot](int value) {
+        actAsSlot(*this, static_cast<int>(index), slot, value);
+      };
+    handles_.push_back(signal_.connect(callback));
+  }
+  void emit(int value) { signal_.emit(value); }
+  void setFlag(int index, int action) {
+    if (index >= static_cast<int>(handles_.size())) return;
+    if (action == 0) handles_[index].disconnect();
+    if (action == 1) handles_[index].block();
+    if (action == 2) handles_[index].unblock();
+  }
+  void pushBlocker(int index) { blockers_.push_back(std::make_unique<tessel::ConnectionBlocker>(handles_[index])); }
+  void popBlocker(int which) { blockers_.erase(blockers_.begin() + which); }
+  void assignScoped(int index) {
+    if (index < 0) return static_cast<void>(scoped_.release());
+    scoped_ = tessel::ScopedConnection(handles_[index]);
+  }
+  void disconnectAll() { signal_.disconnectAll(); }
+
+  void updateSecured(bool secured) { cs_.updateSecured(secured); }
+  void updateAboutNewCreds() { cs_.updateAboutNewCreds(); }
+  void updateSecurityToken(std::optional<int> token) {
+    CyberSecurityContract::Token bytes;
+    bytes.fill(static_cast<unsigned char>(token.value_or(0)));
+    cs_.updateSecurityToken(token ? OptionalToken(bytes) : boost::none);
+  }
+  std::optional<int> securityToken() { return code(cs_.getSecurityToken()); }
+  void updateIpAllPortsAllowed(const std::string& address, bool allowed) {
+    cs_.updateIpAllPortsAllowed(address, allowed);
+  }
+  bool isIpSecured(const std::string& address) { return cs_.isIpSecured(address); }
+  void setPorts(const std::vector<int>& ports) {
+    std::vector<int> argument = ports;
+    cs_.setTcpPortsVector(std::move(argument));
+    if (argument != ports) log.push_back("argument emptied");  // NOLINT(bugprone-use-after-move): it must keep them
+  }
+  void setHook(int hook, int kind) {
+    const Hook callable(this, kind, [this] { cs_.setTcpPortsVector(std::vector<int>(model_.ports)); });
+    if (hook == 0) cs_.setUserActivityLogger(kind ? CyberSecurityContract::LoggerHook(callable) : nullptr);
+    if (hook == 1)
+      cs_.setRegisterConnectionCallback(kind ? CyberSecurityContract::ConnectionCallback(callable) : nullptr);
+  }
+  void callHook(int hook, const std::string& address, int port, bool flag) {
+    if (hook == 1) return cs_.registerConnection(address, port, flag);
+    if (&cs_.userActivityLogger() == &theLogger) log.push_back(entry('l', port, flag));
+  }
+  void connectContract(int signal, int id, Kind kind) {
+    const std::function<void(int)> act = [this, signal, id, kind](int value) {
+      actAsContractSlot(*this, signal, id, kind, value);
+    };
+    if (signal == 0) owned_.emplace_back(cs_.connectSecuredSignalWithHandle(act));
+    if (signal == 1) owned_.emplace_back(cs_.connectNewCredentialsSignalWithHandle(act));
+    if (signal == 2)
+      owned_.emplace_back(cs_.connectSecurityTokenSignalWithHandle(
+          [act](const OptionalToken& token) { act(code(token).value_or(-1)); }));
+  }
+
  private:
-  void operation() {
-    Model& m = model_;
-    failed_ = false;
-    const int op = next() % 26, x = next(), y = next(), z = next(), c = x % 3, port = kPorts[x / 3 % 3];
+  // Runs the next operation; true when it raised.
+  bool operation() {
+    const int op = next() % 26, x = next(), y = next(), z = next(), id = ++ids_;
     const int handles = static_cast<int>(handles_.size()), blockers = static_cast<int>(blockers_.size());
-    const std::string &topic = kTopics[x / 3 % 3], key = kNames[c] + ":" + topic, &address = kAddresses[x % 3];
+    const std::string& address = kAddresses[x % 3];
+    const Topic topic{x % 3, kTopics[x / 3 % 3]}, pair{-1, "", address, kPorts[x / 3 % 3]};
+    const Kind subscriber = kSubscribers[y % 10];
     switch (op) {
-      case 0: {
-        const Source sources[] = {Source::Empty, Source::Throw, Source::Reenter, Source::Logged};
-        const Getter getter{sources[std::min(y % 8, 3)], y};
-        return step(
-            "update", [&] { m.update(key, getter); }, [&] { contract(c).update<int>(topic, libraryGetter(getter)); });
-      }
-      case 1:
-        return step(
-            "notify", [&] { m.notify(key, y); }, [&] { contract(c).notify<int>(topic, y); });
-      case 2: {
-        const Sub sub{++ids_, kSubscribers[y % 9], key, c, topic};
-        return step(
-            "subscribe", [&] { m.subscribe(key, sub); }, [&] { subscribe(sub); });
-      }
-      case 3:
-        return step(
-            "unsubscribe", [&] { m.unsubscribe(key); }, [&] { contract(c).unsubscribe(topic); });
-      case 4:
-        return step(
-            "get", [&] { m.log.push_back(entry('v', 0, m.get(key).value_or(-1), false)); },
-            [&] { log_.push_back(entry('v', 0, contract(c).get<int>(topic).value_or(-1), false)); });
-      case 5: {  // naming bool for a key that holds int
-        const auto found = m.board.find(key);
-        const auto mismatch = [] { fail("mismatch"); };
-        const bool getter = m.nonEmptyGetter(key),
-                   sub = found != m.board.end() && found->second.sub && found->second.sub->kind != Kind::Empty;
-        if (y % 3 == 0 && getter) return step("get<bool>", mismatch, [&] { contract(c).get<bool>(topic); });
-        if (y % 3 == 1 && getter) {
-          return step("subscribe<bool>", mismatch, [&] { contract(c).subscribe<bool>(topic, [](const bool&) {}); });
-        }
-        if (y % 3 == 2 && sub) return step("notify<bool>", mismatch, [&] { contract(c).notify<bool>(topic, true); });
-        return;
-      }
-      case 6:
-        return step(
-            "destroy and recreate", [&] { m.purge(kNames[c]); },
-            [&] { contracts_[c] = std::make_unique<TestContract>(kNames[c]); });
-      case 7: {
-        const Slot slot{kSlots[y % 7], z / 3 % 8, z % 3};  // the target may be connected later, or never
-        return step(
-            "connect", [&] { m.connect(slot); },
-            [&] { handles_.push_back(signal_.connect(slotCallback(handles, slot))); });
-      }
-      case 8:
-        return step(
-            "emit", [&] { m.emit(y); }, [&] { signal_.emit(y); });
-      case 9:
-        if (handles == 0) return;
-        return step(
-            "flag", [&] { m.setFlag(y % handles, z % 3); }, [&] { setFlag(handles_[y % handles], z % 3); });
-      case 10:
-        if (handles == 0) return;
-        return step(
-            "block for a scope", [&] { m.pushBlocker(y % handles); },
-            [&] { blockers_.push_back(std::make_unique<tessel::ConnectionBlocker>(handles_[y % handles])); });
-      case 11:
-        if (blockers == 0) return;
-        return step(
-            "end a block", [&] { m.popBlocker(y % blockers); },
-            [&] { blockers_.erase(blockers_.begin() + y % blockers); });
+      case 0: return step("update", [&](auto& api) { api.update(topic, {kSources[std::min(y % 8, 3)], y}); });
+      case 1: return step("notify", [&](auto& api) { api.notify(topic, y); });
+      case 2: return step("subscribe", [&](auto& api) { api.subscribe({id, subscriber, topic}); });
+      case 3: return step("unsubscribe", [&](auto& api) { api.unsubscribe(topic); });
+      case 4: return step("get", [&](auto& api) { api.log.push_back(entry('v', 0, api.get(topic).value_or(-1))); });
+      case 5:
+        return model_.mismatches(topic, y % 3) && step("mismatch", [&](auto& api) { api.mismatch(topic, y % 3); });
+      case 6: return step("destroy and recreate", [&](auto& api) { api.recreate(topic.contract); });
+      case 7: return step("connect", [&](auto& api) { api.connect({kSlots[y % 7], z / 3 % 8, z % 3}); });
+      case 8: return step("emit", [&](auto& api) { api.emit(y); });
+      case 9: return handles && step("flag", [&](auto& api) { api.setFlag(y % handles, z % 3); });
+      case 10: return handles && step("block for a scope", [&](auto& api) { api.pushBlocker(y % handles); });
+      case 11: return blockers && step("end a block", [&](auto& api) { api.popBlocker(y % blockers); });
       case 12:
-        if (y % 2 == 1)
-          return step(
-              "release scoped", [&] { m.scoped = -1; }, [&] { scoped_.release(); });
-        if (handles == 0) return;
-        return step(
-            "assign scoped", [&] { m.scopedAssign(z % handles); },
-            [&] { scoped_ = tessel::ScopedConnection(handles_[z % handles]); });
-      case 13:
-        return step(
-            "disconnectAll", [&] { m.disconnectAll(); }, [&] { signal_.disconnectAll(); });
-      case 14:
-        return step(
-            "updateSecured", [&] { m.secured = y % 2, m.update("CyberSecurity:Secured", {Source::Secured}); },
-            [&] { cs_.updateSecured(y % 2); });
-      case 15:
-        return step(
-            "updateAboutNewCreds", [&] { m.notify("CyberSecurity:NewCredentials", 1); },
-            [&] { cs_.updateAboutNewCreds(); });
+        if (y % 2 == 0 && handles == 0) return false;
+        return step("assign scoped", [&](auto& api) { api.assignScoped(y % 2 ? -1 : z % handles); });
+      case 13: return step("disconnectAll", [&](auto& api) { api.disconnectAll(); });
+      case 14: return step("updateSecured", [&](auto& api) { api.updateSecured(y % 2); });
+      case 15: return step("updateAboutNewCreds", [&](auto& api) { api.updateAboutNewCreds(); });
       case 16: {
         const std::optional<int> token = y % 3 == 0 ? std::nullopt : std::optional<int>(y % 3 == 1 ? 0 : y);
-        CyberSecurityContract::Token bytes;
-        bytes.fill(static_cast<unsigned char>(token.value_or(0)));
-        const auto publish = [&] { m.token = token, m.update("CyberSecurity:SecurityToken", {Source::Token}); };
-        return step("updateSecurityToken", publish,
-                    [&] { cs_.updateSecurityToken(token ? OptionalToken(bytes) : boost::none); });
+        return step("updateSecurityToken", [&](auto& api) { api.updateSecurityToken(token); });
       }
-      case 17:
-        return step(
-            "updateIpPortAllowed",
-            [&] {
-              m.update(pairKey(address, port), {Source::Fixed, y % 2});
-            },
-            [&] { cs_.updateIpPortAllowed(address, port, y % 2); });
-      case 18: {
-        const auto walk = [&] {
-          m.update(kIp + address, {Source::Fixed, y % 2});
-          for (const int each : std::vector<int>(m.ports)) m.update(pairKey(address, each), {Source::Fixed, y % 2});
-        };
-        return step("updateIpAllPortsAllowed", walk, [&] { cs_.updateIpAllPortsAllowed(address, y % 2); });
-      }
-      case 19: {
-        const Sub sub{++ids_, kSubscribers[y % 9], pairKey(address, port), -1, "", address, port};
-        return step(
-            "subscribeToIpPortAllowed", [&] { m.subscribe(sub.key, sub); }, [&] { subscribe(sub); });
-      }
-      case 20:
-        return step(
-            "unsubscribeFromIpPortAllowed", [&] { m.unsubscribe(pairKey(address, port)); },
-            [&] { cs_.unsubscribeFromIpPortAllowed(address, port); });
+      case 17: return step("updateIpPortAllowed", [&](auto& api) { api.update(pair, {Source::Fixed, y % 2}); });
+      case 18: return step("updateIpAllPortsAllowed", [&](auto& api) { api.updateIpAllPortsAllowed(address, y % 2); });
+      case 19: return step("subscribeToIpPortAllowed", [&](auto& api) { api.subscribe({id, subscriber, pair}); });
+      case 20: return step("unsubscribeFromIpPortAllowed", [&](auto& api) { api.unsubscribe(pair); });
       case 21:
-        return step(
-            "isIpSecured", [&] { m.log.push_back(entry('i', 0, m.isIpSecured(address, false), false)); },
-            [&] { log_.push_back(entry('i', 0, cs_.isIpSecured(address), false)); });
-      case 22:
-        return step(
-            "setTcpPortsVector", [&] { m.ports = kPortLists[y % 5]; },
-            [&] {
-              std::vector<int> ports = kPortLists[y % 5];
-              cs_.setTcpPortsVector(std::move(ports));
-              if (ports != kPortLists[y % 5]) log_.push_back("argument emptied");  // NOLINT: it must keep its elements
-            });
-      case 23: {  // sets a host hook (z % 2: the logger, the connection callback) to none, a recorder or a thrower
-        const int hook = z % 2, kind = y % 3;
-        CyberSecurityContract::LoggerHook logger;
-        CyberSecurityContract::ConnectionCallback registrar;  // records as the model writes it
-        if (kind == 1) logger = []() -> Logger& { return theLogger; };
-        if (kind == 1) registrar = [this](auto& at, int p, bool f) { log_.push_back(entry('r', p, f, 0) + at); };
-        if (kind == 2) logger = []() -> Logger& { throw std::runtime_error("thrown"); };
-        if (kind == 2) registrar = [](const std::string&, int, bool) { throw std::runtime_error("thrown"); };
-        return step(
-            "set a host hook", [&] { m.hooks[hook] = kind; },
-            [&] { hook ? cs_.setRegisterConnectonCallback(registrar) : cs_.setUserActivityLogger(logger); });
-      }
-      case 24: {  // calls a host hook
-        const int hook = z % 2;
-        const auto expected = [&] {
-          if (m.hooks[hook] == 2 || (m.hooks[hook] == 0 && hook == 0)) fail(m.hooks[hook] ? "thrown" : "empty");
-          if (m.hooks[hook] == 1) m.log.push_back(entry(hook ? 'r' : 'l', port, y % 2, 0) + (hook ? address : ""));
-        };
-        return step(hook ? "registerConnection" : "userActivityLogger", expected, [&] {
-          if (hook == 1) return cs_.registerConnection(address, port, y % 2);
-          if (&cs_.userActivityLogger() == &theLogger) log_.push_back(entry('l', port, y % 2, 0));
-        });
-      }
-      case 25: {
-        const int signal = y % 3, id = ++ids_;
-        const Kind kind = kContractSlots[z % 4];
-        if (m.contractSlots[signal].size() == kSlotsPerRun) return;
-        return step(
-            "connect to the contract", [&] { m.contractSlots[signal].emplace_back(id, kind); },
-            [&] { connectContract(signal, contractSlot(signal, id, kind)); });
-      }
+        return step("isIpSecured", [&](auto& api) { api.log.push_back(entry('i', 0, api.isIpSecured(address))); });
+      case 22: return step("setTcpPortsVector", [&](auto& api) { api.setPorts(kPortLists[y % 5]); });
+      case 23: return step("set a host hook", [&](auto& api) { api.setHook(z % 2, y % 4); });
+      case 24: return step("call a host hook", [&](auto& api) { api.callHook(z % 2, address, pair.port, y % 2); });
+      default:
+        if (model_.contractSlots[y % 3].size() == 4) return false;  // four slots per contract signal at most
+        return step("connect to the contract",
+                    [&](auto& api) { api.connectContract(y % 3, id, kContractSlots[z % 4]); });
     }
   }
 
-  // Runs one operation on the model and on the library, then compares them.
-  template <typename Expected, typename Actual>
-  void step(const char* name, Expected expected, Actual actual) {
-    model_.log.clear(), log_.clear();
-    const std::string want = outcome(expected), got = outcome(actual);
+  // Runs one operation on the model, then on the library, and compares them; true when it raised.
+  template <typename Operation>
+  bool step(const char* name, Operation operation) {
+    model_.log.clear(), log.clear();
+    Failure want{"ok"};
+    try {
+      operation(model_);
+    } catch (const Failure& failure) {
+      want = failure;
+    }
+    const std::string got = outcome(operation, want);
     std::ostringstream out;
-    if (got != want) out << "threw " << got << ", the model " << want << "; ";
-    if (log_ != model_.log) out << "called [" << join(log_) << "], the model [" << join(model_.log) << "]; ";
+    if (got != want.what) out << "threw " << got << ", the model " << want.what << "; ";
+    if (log != model_.log) out << "called [" << join(log) << "], the model [" << join(model_.log) << "]; ";
     if (!BoardTestPeer::lockIsFree()) out << "the board lock is held; ";
     std::size_t entries = 0;
-    for (const auto& [fullKey, entry] : model_.board) {
-      entries += entry.getter.has_value() + entry.sub.has_value();
-      if (BoardTestPeer::hasGetter(fullKey) != entry.getter.has_value() ||
-          BoardTestPeer::hasSubscriber(fullKey) != entry.sub.has_value()) {
-        out << "the entries of " << fullKey << " differ; ";
+    for (const auto& [key, stored] : model_.board) {
+      entries += stored.getter.has_value() + stored.sub.has_value();
+      if (BoardTestPeer::hasGetter(key) != stored.getter.has_value() ||
+          BoardTestPeer::hasSubscriber(key) != stored.sub.has_value()) {
+        out << "the entries of " << key << " differ; ";
       }
     }
     if (BoardTestPeer::entriesWithPrefix("") != entries) out << "the board holds other entries; ";
@@ -306,7 +258,7 @@ class Driver {
         out << "the handle of slot " << index << " differs; ";
       }
     }
-    if (cs_.isSecured() != model_.secured || code(cs_.getSecurityToken()) != model_.token.value_or(-1) ||
+    if (cs_.isSecured() != model_.secured || securityToken() != model_.token ||
         reader_.get<bool>("Secured") != boost::optional<bool>(model_.secured) ||
         code(reader_.get<CyberSecurityContract::Token>("SecurityToken")) != model_.token.value_or(0)) {
       out << "the secured flag or the token differ; ";
@@ -316,119 +268,53 @@ class Driver {
       out << "the cleared token's bytes were not wiped; ";
     }
     if (out.tellp() > 0) failure_ = "step " + std::to_string(steps_) + " (" + name + "): " + out.str();
-    failed_ = want != "ok";
+    return want.what != "ok";
   }
 
-  int next() { return pos_ < size_ ? data_[pos_++] : 0; }
-  TestContract& contract(int index) { return *contracts_[index]; }
-  int logged(char tag, int id, int value) {
-    log_.push_back(entry(tag, id, value, BoardTestPeer::heldByThisThread()));
-    return value;
+  // How the operation ended on the library, in the model's words. A deadlock error must name the
+  // operation last called and the lock the model waits for, and on one thread read as a re-entry.
+  template <typename Operation>
+  std::string outcome(Operation& operation, const Failure& want) {
+    try {
+      operation(*this);
+      return "ok";
+    } catch (const Failure& failure) {
+      return failure.what;
+    } catch (const std::bad_function_call&) {
+      return "empty";
+    } catch (const std::invalid_argument&) {
+      return "mismatch";
+    } catch (const std::system_error& error) {
+      const std::string what = error.what();
+      if (error.code() != std::errc::resource_deadlock_would_occur) return what;
+      for (const std::string& part : {want.operation, want.lock}) {
+        if (what.find(part) == std::string::npos) return "deadlock not naming " + part + ": " + what;
+      }
+      const bool reentry =
+          what.find("already holds") != std::string::npos || what.find("while this thread holds") != std::string::npos;
+      return reentry ? "deadlock" : "deadlock not told as a re-entry: " + what;
+    } catch (const std::exception& error) {
+      return error.what();
+    }
   }
 
   Contract::Getter<int> libraryGetter(const Getter& getter) {
-    switch (getter.source) {
-      case Source::Empty: return {};
-      case Source::Throw: return []() -> int { throw std::runtime_error("thrown"); };
-      case Source::Reenter:
-        return [this] { return reenters("Contract::get", kBoardLock), contract(0).get<int>("b").value_or(0); };
-      default: return [this, value = getter.value] { return logged('g', 0, value); };
-    }
+    if (getter.source == Source::Empty) return {};
+    return [this, getter] { return produce(*this, getter); };
   }
-
-  void subscribe(const Sub& sub) {
-    Contract::Subscriber<int> subscriber = [this, sub](const int& value) { act(sub, value); };
-    if (sub.kind == Kind::Empty) subscriber = nullptr;
-    CyberSecurityContract::FlagCallback callback;
-    if (subscriber) callback = [subscriber](bool allowed) { subscriber(allowed); };
-    if (sub.pair()) cs_.subscribeToIpPortAllowed(sub.address, sub.port, callback);
-    if (!sub.pair()) contract(sub.contract).subscribe<int>(sub.topic, subscriber);
-  }
-
-  // What a board or pair subscriber does (see Kind).
-  void act(const Sub& sub, int value) {
-    logged('s', sub.id, value);
-    if (sub.kind == Kind::Throw) throw std::runtime_error("thrown");
-    const auto named = [&sub](const char* pair, const char* own) {
-      reenters(sub.pair() ? std::string("CyberSecurityContract::") + pair : std::string("Contract::") + own,
-               kBoardLock);
-    };
-    if (sub.kind == Kind::Republish && busy_.insert(sub.id).second) {
-      Busy busy{busy_, sub.id};
-      named("updateIpPortAllowed", "update");
-      sub.pair() ? cs_.updateIpPortAllowed(sub.address, sub.port, value == 0)
-                 : contract(sub.contract).update<int>(sub.topic, libraryGetter({Source::Logged, 1 - value}));
-    }
-    if (sub.kind == Kind::Withdraw) named("unsubscribeFromIpPortAllowed", "unsubscribe");
-    if (sub.kind == Kind::Withdraw && sub.pair()) cs_.unsubscribeFromIpPortAllowed(sub.address, sub.port);
-    if (sub.kind == Kind::Withdraw && !sub.pair()) contract(sub.contract).unsubscribe(sub.topic);
-    if (sub.kind == Kind::Replace) {
-      Sub replacement = sub;
-      replacement.id += 1000, replacement.kind = Kind::Record;
-      named("subscribeToIpPortAllowed", "subscribe");
-      subscribe(replacement);
-    }
-    if (sub.kind == Kind::Query) {
-      named("isIpSecured", "get");
-      log_.push_back(entry(
-          'q', sub.id,
-          sub.pair() ? cs_.isIpSecured(sub.address) : contract(sub.contract).get<int>(sub.topic).value_or(-1), false));
-    }
-    if (sub.kind == Kind::SetPorts) cs_.setTcpPortsVector({-1, 17161});
-  }
-
-  tessel::Signal<int>::Callback slotCallback(int index, const Slot& slot) {
-    if (slot.kind == Kind::Empty) return {};
-    return [this, index, slot](int value) {
-      log_.push_back(entry('x', index, value, false));
-      if (slot.kind == Kind::Throw) throw std::runtime_error("thrown");
-      if (slot.kind == Kind::Flag && slot.target < static_cast<int>(handles_.size())) {
-        setFlag(handles_[slot.target], slot.action);
-      }
-      if (slot.kind != Kind::Reenter) return;
-      reenters(slot.action == 0   ? "Signal::emit"
-               : slot.action == 1 ? "Signal::connect"
-                                  : "Signal::disconnectAll",
-               "a signal's lock");
-      if (slot.action == 0) signal_.emit(value);
-      if (slot.action == 1) signal_.connect({});
-      if (slot.action == 2) signal_.disconnectAll();
-    };
-  }
-  static void setFlag(const tessel::Connection& connection, int action) {
-    if (action == 0) connection.disconnect();
-    if (action == 1) connection.block();
-    if (action == 2) connection.unblock();
-  }
-
-  std::function<void(int)> contractSlot(int signal, int id, Kind kind) {
-    return [this, signal, id, kind](int value) {
-      logged('c', id, value);
-      if (kind == Kind::Throw) throw std::runtime_error("thrown");
-      if (kind == Kind::Query) log_.push_back(entry('q', id, cs_.isIpSecured("a"), false));
-      if (kind != Kind::Reenter) return;
-      const char* operations[] = {"updateSecured", "updateAboutNewCreds", "updateSecurityToken"};
-      reenters(std::string("CyberSecurityContract::") + operations[signal], kSignalLocks[signal]);
-      if (signal == 0) cs_.updateSecured(value != 0);
-      if (signal == 1) cs_.updateAboutNewCreds();
-      if (signal == 2) cs_.updateSecurityToken(OptionalToken(cs_.getSecurityToken()));
-    };
-  }
-  void connectContract(int signal, std::function<void(int)> behaviour) {
-    const auto token = [behaviour](const OptionalToken& value) { behaviour(code(value)); };
-    if (signal == 0) owned_.emplace_back(cs_.connectSecuredSignalWithHandle(behaviour));
-    if (signal == 1) owned_.emplace_back(cs_.connectNewCredentialsSignalWithHandle(behaviour));
-    if (signal == 2) owned_.emplace_back(cs_.connectSecurityTokenSignalWithHandle(token));
+  int next() { return pos_ < size_ ? data_[pos_++] : 0; }
+  TestContract& contract(const Topic& topic) { return *contracts_[topic.contract]; }
+  static std::string join(const std::vector<std::string>& items) {
+    std::string joined;
+    for (const std::string& item : items) joined += item + " ";
+    return joined;
   }
 
   const std::uint8_t* data_;
   std::size_t size_, pos_ = 0;
   int steps_ = 0, ids_ = 0;
-  bool failed_ = false;
   std::string failure_;
   Model model_;
-  std::vector<std::string> log_;
-  std::set<int> busy_;
   CyberSecurityContract& cs_ = CyberSecurityContract::instance();
   TestContract reader_{"CyberSecurity", /*purgeOnDestroy=*/false};
   std::unique_ptr<TestContract> contracts_[3];

@@ -1,9 +1,19 @@
 #pragma once
 
-// A plain, single-threaded model of the whole library: which board keys hold a getter and a
-// subscriber, one Signal<int> with its slot list, handles, blockers and scoped owner, and the
-// CyberSecurity contract's state and three signals. Each operation appends to `log` the callbacks it
-// makes, in order, and ends by throwing Failure{what} exactly where the library throws.
+// A plain, single-threaded model of the whole library (Model), and what the model driver's callbacks do,
+// written once for both sides: a delivery of the model runs them on the model, one of the library
+// (driver.cpp) on the library. Both sides offer the same operations, under the same names:
+//   the board        update, notify, subscribe, unsubscribe, get of a Topic (a pair's update is
+//                    updateIpPortAllowed), mismatch (names bool for an int key: get, subscribe or notify),
+//                    recreate (destroys a test contract and builds it anew);
+//   the signal       connect, emit, setFlag (disconnect, block, unblock), pushBlocker, popBlocker,
+//                    assignScoped (-1 releases), disconnectAll;
+//   the contract     updateSecured, updateAboutNewCreds, updateSecurityToken and securityToken (all 32
+//                    bytes equal the int), updateIpAllPortsAllowed, isIpSecured, setPorts, connectContract,
+//                    setHook and callHook (hook 0 is the user-activity logger, 1 the connection callback;
+//                    kinds: none, a recorder, a thrower, a recorder whose copy constructor calls the contract).
+// Each operation appends the callbacks it makes to `log`, and the model throws Failure exactly where the
+// library throws.
 
 #include <list>
 #include <map>
@@ -19,27 +29,40 @@ namespace vantor::model {
 //   Republish  publishes its own key again with 1 - value (not from the delivery that this causes)
 //   Withdraw   unsubscribes its own key;   Replace  subscribes a Record with id + 1000 to it
 //   Query      logs get() of its own key, or isIpSecured() of its address for a pair
-//   SetPorts   sets the contract's ports to {-1, 17161}
+//   SetPorts   sets the contract's ports to {-1, 17161};   Connect  connects to the secured signal
 //   Reenter    calls its own signal, or publishes the contract topic that feeds its own signal
 //   Flag       disconnects (action 0), blocks (1) or unblocks (2) slot `target` of its signal
 //   Own        the contract's own subscriber: emits on contract signal `id`
-enum class Kind { Record, Empty, Throw, Republish, Withdraw, Replace, Query, SetPorts, Reenter, Flag, Own };
+enum class Kind { Record, Empty, Throw, Republish, Withdraw, Replace, Query, SetPorts, Connect, Reenter, Flag, Own };
 // What a getter returns: a logged or a silent fixed value, nothing, an exception, a re-entry into the
 // board, or the contract's live secured flag or token.
 enum class Source { Logged, Fixed, Empty, Throw, Reenter, Secured, Token };
+
+// Test contracts whose names are prefixes of each other; "Q:a"'s topic "b" is "Q"'s topic "a:b".
+const std::string kNames[] = {"Q", "Qu", "Q:a"}, kIp = "CyberSecurity:IP:";
+const char* const kBoardLock = "the message board's lock";
+const char* const kOperations[] = {"updateSecured", "updateAboutNewCreds", "updateSecurityToken"};
+const char* const kSignalLocks[] = {"the secured signal's lock", "the new-credentials signal's lock",
+                                    "the security token signal's lock"};
 
 struct Getter {
   Source source;
   int value = 0;
 };
-struct Sub {  // a subscriber of a test contract's topic, or (contract < 0) of a contract pair
-  int id;
-  Kind kind;
-  std::string key;
-  int contract = -1;
-  std::string topic = {}, address = {};
+// A topic of test contract `contract`, or (contract < 0) the contract's pair (address, port).
+struct Topic {
+  int contract = 0;
+  std::string topic, address = {};
   int port = 0;
   bool pair() const { return contract < 0; }
+  std::string key() const {
+    return pair() ? kIp + address + ":" + std::to_string(port) : kNames[contract] + ":" + topic;
+  }
+};
+struct Sub {
+  int id;
+  Kind kind;
+  Topic topic;
 };
 struct Slot {
   Kind kind;
@@ -48,117 +71,156 @@ struct Slot {
   int blockers = 0;
 };
 struct Failure {
-  std::string what;  // "empty", "thrown", "deadlock" or "mismatch"
+  std::string what, operation = {}, lock = {};  // "empty", "thrown", "mismatch", or "deadlock" in `operation`
 };
-[[noreturn]] inline void fail(const char* what) { throw Failure{what}; }
+[[noreturn]] inline void fail(const char* what, const char* operation = "", const char* lock = "") {
+  throw Failure{what, operation, lock};
+}
 
-inline std::string entry(char tag, int id, int value, bool underBoardLock) {
+inline std::string entry(char tag, int id, int value, bool underBoardLock = false) {
   return tag + std::to_string(id) + ":" + std::to_string(value) + (underBoardLock ? "L" : "");
 }
-const std::string kIp = "CyberSecurity:IP:";
-inline std::string pairKey(const std::string& address, int port) { return kIp + address + ":" + std::to_string(port); }
 
-// Marks a subscriber as republishing for a scope.
-struct Busy {
-  std::set<int>& busy;
-  int id;
-  ~Busy() { busy.erase(id); }
+// What every side records: the callbacks made, in order, and which subscribers are republishing.
+struct Calls {
+  std::vector<std::string> log;
+  std::set<int> republishing;
 };
 
-class Model {
+// What a getter other than Secured and Token does when it is called.
+template <typename Api>
+int produce(Api& api, const Getter& getter) {
+  if (getter.source == Source::Throw) fail("thrown");
+  if (getter.source == Source::Reenter) return api.get({0, "b"}).value_or(0);
+  if (getter.source == Source::Logged) api.log.push_back(entry('g', 0, getter.value, api.underBoardLock()));
+  return getter.value;
+}
+
+// What a subscriber of a test contract's topic or of a pair does when it is delivered `value`.
+template <typename Api>
+void actAsSubscriber(Api& api, const Sub& sub, int value) {
+  api.log.push_back(entry('s', sub.id, value, api.underBoardLock()));
+  const Topic& topic = sub.topic;
+  switch (sub.kind) {
+    case Kind::Throw: fail("thrown");
+    case Kind::Republish: {
+      if (!api.republishing.insert(sub.id).second) return;
+      struct Done {
+        Api& api;
+        int id;
+        ~Done() { api.republishing.erase(id); }
+      } done{api, sub.id};
+      return api.update(topic, {topic.pair() ? Source::Fixed : Source::Logged, 1 - value});
+    }
+    case Kind::Withdraw: return api.unsubscribe(topic);
+    case Kind::Replace: return api.subscribe({sub.id + 1000, Kind::Record, topic});
+    case Kind::Query: {
+      const int answer = topic.pair() ? api.isIpSecured(topic.address) : api.get(topic).value_or(-1);
+      return api.log.push_back(entry('q', sub.id, answer));
+    }
+    case Kind::SetPorts: return api.setPorts({-1, 17161});
+    case Kind::Connect: return api.connectContract(0, sub.id, Kind::Record);
+    default: return;
+  }
+}
+
+// What slot `index` of the signal does when an emission of `value` invokes it.
+template <typename Api>
+void actAsSlot(Api& api, int index, const Slot& slot, int value) {
+  api.log.push_back(entry('x', index, value, api.underBoardLock()));
+  if (slot.kind == Kind::Throw) fail("thrown");
+  if (slot.kind == Kind::Flag) api.setFlag(slot.target, slot.action);
+  if (slot.kind != Kind::Reenter) return;
+  if (slot.action == 0) api.emit(value);
+  if (slot.action == 1) api.connect({Kind::Empty});
+  if (slot.action == 2) api.disconnectAll();
+}
+
+// What a slot of contract signal `signal` (secured, new credentials, token) does when it is invoked.
+template <typename Api>
+void actAsContractSlot(Api& api, int signal, int id, Kind kind, int value) {
+  api.log.push_back(entry('c', id, value, api.underBoardLock()));
+  if (kind == Kind::Throw) fail("thrown");
+  if (kind == Kind::Query) api.log.push_back(entry('q', id, api.isIpSecured("a")));
+  if (kind != Kind::Reenter) return;
+  if (signal == 0) api.updateSecured(value != 0);
+  if (signal == 1) api.updateAboutNewCreds();
+  if (signal == 2) api.updateSecurityToken(api.securityToken());
+}
+
+class Model : public Calls {
  public:
   Model() {
-    board["CyberSecurity:Secured"] = {Getter{Source::Secured}, Sub{0, Kind::Own, ""}};
-    board["CyberSecurity:NewCredentials"].sub = Sub{1, Kind::Own, ""};
-    board["CyberSecurity:SecurityToken"] = {Getter{Source::Token}, Sub{2, Kind::Own, ""}};
+    board["CyberSecurity:Secured"] = {Getter{Source::Secured}, Sub{0, Kind::Own, {}}};
+    board["CyberSecurity:NewCredentials"].sub = Sub{1, Kind::Own, {}};
+    board["CyberSecurity:SecurityToken"] = {Getter{Source::Token}, Sub{2, Kind::Own, {}}};
   }
 
   struct Entry {
     std::optional<Getter> getter;
     std::optional<Sub> sub;
   };
-  std::vector<std::string> log;
   std::map<std::string, Entry> board;
   bool secured = false;
-  std::optional<int> token;  // all 32 bytes equal this one
+  std::optional<int> token;
   std::vector<int> ports{17161, 17168, 17171, 17172, 17175, 17176, 17178};
   std::vector<std::pair<int, Kind>> contractSlots[3];
-  int hooks[2] = {0, 0};                       // the logger and the connection callback: none, recorder, thrower
+  int hooks[2] = {0, 0};                       // none, recorder or thrower
   std::vector<Slot> slots;                     // every slot ever connected to the signal, by handle index
   std::list<int> order;                        // the signal's list, in connection order
-  std::vector<std::pair<int, bool>> blockers;  // slot, and the blocked flag it found
+  std::vector<std::pair<int, bool>> blockers;  // slot, and whether it counted
   int scoped = -1;
 
-  // ---- the topic protocol ------------------------------------------------------------------------
-  void update(const std::string& key, Getter getter) {
-    Entry& entry = board[key];
-    entry.getter = getter;
-    if (getter.source == Source::Empty) fail("empty");
-    const int value = call(getter);
-    if (entry.sub) deliver(Sub(*entry.sub), value, false);
-  }
-  void notify(const std::string& key, int value) {
-    const auto found = board.find(key);
-    if (found != board.end() && found->second.sub) deliver(Sub(*found->second.sub), value, false);
-  }
-  void subscribe(const std::string& key, const Sub& sub) {
-    if (const Getter* getter = nonEmptyGetter(key)) deliver(sub, call(*getter), true);
-    board[key].sub = sub;
-  }
-  void unsubscribe(const std::string& key) { board.erase(key); }
-  std::optional<int> get(const std::string& key) {
-    const Getter* getter = nonEmptyGetter(key);
-    return getter ? std::optional<int>(call(*getter)) : std::nullopt;
-  }
-  void purge(const std::string& name) {
-    for (auto it = board.begin(); it != board.end();) {
-      it = it->first.rfind(name, 0) == 0 ? board.erase(it) : std::next(it);
-    }
-  }
-  const Getter* nonEmptyGetter(const std::string& key) const {
+  // A getter for the key, but never an empty one.
+  const Getter* liveGetter(const std::string& key) const {
     const auto found = board.find(key);
     if (found == board.end() || !found->second.getter || found->second.getter->source == Source::Empty) return nullptr;
     return &*found->second.getter;
   }
-  bool isIpSecured(const std::string& address, bool underBoardLock) {
-    if (!secured) return true;
-    if (underBoardLock) fail("deadlock");
-    return get(kIp + address).value_or(0) != 0;
+  bool mismatches(const Topic& topic, int how) const {
+    const auto found = board.find(topic.key());
+    if (how < 2) return liveGetter(topic.key());
+    return found != board.end() && found->second.sub && found->second.sub->kind != Kind::Empty;
+  }
+  bool blocked(const Slot& slot) const { return slot.blocked || slot.blockers > 0; }
+
+  // ---- the board -----------------------------------------------------------------------------------
+  bool underBoardLock() { return boardHeld_ > 0; }
+  void update(const Topic& topic, Getter getter) {
+    publish(topic.key(), getter, topic.pair() ? "updateIpPortAllowed" : "Contract::update");
+  }
+  void notify(const Topic& topic, int value) { notifyKey(topic.key(), value, "Contract::notify"); }
+  void subscribe(const Sub& sub) {
+    lockBoard(sub.topic.pair() ? "subscribeToIpPortAllowed" : "Contract::subscribe");
+    if (const Getter* current = liveGetter(sub.topic.key())) {
+      const int value = call(*current);
+      Held held(boardHeld_);
+      deliver(sub, value);
+    }
+    board[sub.topic.key()].sub = sub;
+  }
+  void unsubscribe(const Topic& topic) {
+    lockBoard(topic.pair() ? "unsubscribeFromIpPortAllowed" : "Contract::unsubscribe"), board.erase(topic.key());
+  }
+  std::optional<int> get(const Topic& topic) { return read(topic.key(), "Contract::get"); }
+  void mismatch(const Topic&, int) { fail("mismatch"); }
+  void recreate(int contract) {
+    for (auto it = board.begin(); it != board.end();) {
+      it = it->first.rfind(kNames[contract], 0) == 0 ? board.erase(it) : std::next(it);
+    }
   }
 
-  // ---- the signal ---------------------------------------------------------------------------------
-  bool blocked(const Slot& slot) const { return slot.blocked || slot.blockers > 0; }
-  void setFlag(int index, int action) {
-    if (index >= static_cast<int>(slots.size()) || slots[index].erased) return;
-    if (action == 0)
-      slots[index].disconnected = true;
-    else
-      slots[index].blocked = action == 1;
-  }
-  // Blockers count: the slot is blocked while any of them lives.
-  void pushBlocker(int index) {
-    blockers.emplace_back(index, !slots[index].erased);
-    if (!slots[index].erased) ++slots[index].blockers;
-  }
-  void popBlocker(std::size_t which) {
-    const auto [index, counted] = blockers[which];
-    blockers.erase(blockers.begin() + static_cast<long>(which));
-    if (counted && !slots[index].erased) --slots[index].blockers;
-  }
-  void scopedAssign(int index) {
-    if (scoped >= 0) setFlag(scoped, 0);
-    scoped = index;
-  }
+  // ---- the signal ----------------------------------------------------------------------------------
   void connect(const Slot& slot) {
+    lockSignal("Signal::connect");
     for (auto it = order.begin(); it != order.end();) it = slots[*it].disconnected ? erase(it) : std::next(it);
     slots.push_back(slot);
     order.push_back(static_cast<int>(slots.size()) - 1);
   }
-  void disconnectAll() {
-    while (!order.empty()) erase(order.begin());
-  }
   // The pending-slot walk: a live slot runs only once the next live one has been judged.
   void emit(int value) {
+    lockSignal("Signal::emit");
+    Held held(emitting_);
     auto pending = order.end();
     for (auto it = order.begin(); it != order.end();) {
       if (slots[*it].disconnected) {
@@ -173,69 +235,112 @@ class Model {
     }
     if (pending != order.end()) invoke(*pending, value);
   }
+  void setFlag(int index, int action) {
+    if (index >= static_cast<int>(slots.size()) || slots[index].erased) return;
+    if (action == 0) slots[index].disconnected = true;
+    if (action > 0) slots[index].blocked = action == 1;
+  }
+  // Blockers count: the slot is blocked while any of them lives.
+  void pushBlocker(int index) {
+    blockers.emplace_back(index, !slots[index].erased);
+    if (!slots[index].erased) ++slots[index].blockers;
+  }
+  void popBlocker(int which) {
+    const auto [index, counted] = blockers[which];
+    blockers.erase(blockers.begin() + which);
+    if (counted && !slots[index].erased) --slots[index].blockers;
+  }
+  void assignScoped(int index) {
+    if (scoped >= 0 && index >= 0) setFlag(scoped, 0);
+    scoped = index;
+  }
+  void disconnectAll() {
+    lockSignal("Signal::disconnectAll");
+    while (!order.empty()) erase(order.begin());
+  }
+
+  // ---- the contract --------------------------------------------------------------------------------
+  void updateSecured(bool value) {
+    secured = value, publish("CyberSecurity:Secured", {Source::Secured}, kOperations[0]);
+  }
+  void updateAboutNewCreds() { notifyKey("CyberSecurity:NewCredentials", 1, kOperations[1]); }
+  void updateSecurityToken(std::optional<int> value) {
+    token = value, publish("CyberSecurity:SecurityToken", {Source::Token}, kOperations[2]);
+  }
+  std::optional<int> securityToken() { return token; }
+  void updateIpAllPortsAllowed(const std::string& address, bool allowed) {
+    const char* const operation = "updateIpAllPortsAllowed";
+    publish(kIp + address, {Source::Fixed, allowed}, operation);
+    for (const int port : std::vector<int>(ports))
+      publish(Topic{-1, "", address, port}.key(), {Source::Fixed, allowed}, operation);
+  }
+  bool isIpSecured(const std::string& address) {
+    return !secured || read(kIp + address, "isIpSecured").value_or(0) != 0;
+  }
+  void setPorts(const std::vector<int>& list) { ports = list; }
+  void setHook(int hook, int kind) { hooks[hook] = kind == 3 ? 1 : kind; }
+  void callHook(int hook, const std::string& address, int port, bool flag) {
+    if (hooks[hook] == 2 || (hooks[hook] == 0 && hook == 0)) fail(hooks[hook] ? "thrown" : "empty");
+    if (hooks[hook] == 1) log.push_back(entry(hook ? 'r' : 'l', port, flag) + (hook ? address : ""));
+  }
+  void connectContract(int signal, int id, Kind kind) {
+    lockBoard("CyberSecurityContract::connect"), contractSlots[signal].emplace_back(id, kind);
+  }
 
  private:
+  struct Held {
+    int& depth;
+    explicit Held(int& counter) : depth(++counter) {}
+    ~Held() { --depth; }
+  };
+  void lockBoard(const char* operation) const {
+    if (boardHeld_) fail("deadlock", operation, kBoardLock);
+  }
+  void lockSignal(const char* operation) const {
+    if (emitting_) fail("deadlock", operation, "a signal's lock");
+  }
+
+  void publish(const std::string& key, Getter getter, const char* operation) {
+    lockBoard(operation);
+    Entry& stored = board[key];
+    stored.getter = getter;
+    if (getter.source == Source::Empty) fail("empty");
+    const int value = call(getter);
+    if (stored.sub) deliver(Sub(*stored.sub), value);
+  }
+  void notifyKey(const std::string& key, int value, const char* operation) {
+    lockBoard(operation);
+    const auto found = board.find(key);
+    if (found != board.end() && found->second.sub) deliver(Sub(*found->second.sub), value);
+  }
+  std::optional<int> read(const std::string& key, const char* operation) {
+    lockBoard(operation);
+    const Getter* current = liveGetter(key);
+    return current ? std::optional<int>(call(*current)) : std::nullopt;
+  }
   int call(const Getter& getter) {
-    switch (getter.source) {
-      case Source::Throw: fail("thrown");
-      case Source::Reenter: fail("deadlock");
-      case Source::Secured: return secured;
-      case Source::Token: return token.value_or(0);
-      case Source::Logged: log.push_back(entry('g', 0, getter.value, true)); return getter.value;
-      default: return getter.value;
-    }
+    Held held(boardHeld_);
+    if (getter.source == Source::Secured) return secured;
+    if (getter.source == Source::Token) return token.value_or(0);
+    return produce(*this, getter);
   }
-
-  void deliver(const Sub& sub, int value, bool underBoardLock) {
-    if (sub.kind == Kind::Own) return emitContract(sub.id, value);
+  void deliver(const Sub& sub, int value) {
     if (sub.kind == Kind::Empty) fail("empty");
-    log.push_back(entry('s', sub.id, value, underBoardLock));
-    if (sub.kind == Kind::Throw) fail("thrown");
-    const bool republishes = sub.kind == Kind::Republish && !busy_.count(sub.id);
-    const bool takesBoardLock = republishes || sub.kind == Kind::Withdraw || sub.kind == Kind::Replace ||
-                                (sub.kind == Kind::Query && !sub.pair());
-    if (takesBoardLock && underBoardLock) fail("deadlock");
-    if (sub.kind == Kind::Republish && busy_.insert(sub.id).second) {
-      Busy busy{busy_, sub.id};
-      update(sub.key, Getter{sub.pair() ? Source::Fixed : Source::Logged, 1 - value});
-    }
-    if (sub.kind == Kind::Withdraw) unsubscribe(sub.key);
-    if (sub.kind == Kind::Replace) {
-      Sub replacement = sub;
-      replacement.id += 1000, replacement.kind = Kind::Record;
-      subscribe(sub.key, replacement);
-    }
-    if (sub.kind == Kind::Query) {
-      const int answer = sub.pair() ? isIpSecured(sub.address, underBoardLock) : get(sub.key).value_or(-1);
-      log.push_back(entry('q', sub.id, answer, false));
-    }
-    if (sub.kind == Kind::SetPorts) ports = {-1, 17161};
+    if (sub.kind != Kind::Own) return actAsSubscriber(*this, sub, value);
+    if (contractEmitting_[sub.id]) fail("deadlock", kOperations[sub.id], kSignalLocks[sub.id]);
+    Held held(contractEmitting_[sub.id]);
+    for (const auto& [id, kind] : std::vector(contractSlots[sub.id])) actAsContractSlot(*this, sub.id, id, kind, value);
   }
-
-  void emitContract(int signal, int value) {
-    for (const auto& [id, kind] : contractSlots[signal]) {
-      log.push_back(entry('c', id, value, false));
-      if (kind == Kind::Throw) fail("thrown");
-      if (kind == Kind::Reenter) fail("deadlock");
-      if (kind == Kind::Query) log.push_back(entry('q', id, isIpSecured("a", false), false));
-    }
-  }
-
   void invoke(int index, int value) {
-    const Slot& slot = slots[index];
-    if (slot.kind == Kind::Empty) fail("empty");
-    log.push_back(entry('x', index, value, false));
-    if (slot.kind == Kind::Throw) fail("thrown");
-    if (slot.kind == Kind::Reenter) fail("deadlock");
-    if (slot.kind == Kind::Flag) setFlag(slot.target, slot.action);
+    if (slots[index].kind == Kind::Empty) fail("empty");
+    actAsSlot(*this, index, Slot(slots[index]), value);
   }
-
   std::list<int>::iterator erase(std::list<int>::iterator it) {
     slots[*it].erased = true;
     return order.erase(it);
   }
 
-  std::set<int> busy_;
+  int boardHeld_ = 0, emitting_ = 0, contractEmitting_[3] = {};
 };
 
 }  // namespace vantor::model

@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -13,45 +12,28 @@
 namespace vantor::model {
 namespace {
 
-// One corpus file, or a block of seeds for random sequences.
-struct Input {
-  std::string name;
-  std::filesystem::path file;
-  unsigned firstSeed = 0, seeds = 0;
-};
-void PrintTo(const Input& input, std::ostream* out) { *out << input.name; }
-
-class Library : public ::testing::TestWithParam<Input> {};
-
-TEST_P(Library, AgreesWithItsModelAfterEveryStep) {
-  const Input& input = GetParam();
-  if (!input.file.empty()) {
-    std::ifstream in(input.file, std::ios::binary);
-    const std::string bytes{std::istreambuf_iterator<char>(in), {}};
-    EXPECT_EQ(runOperations(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()), "");
-  }
-  for (unsigned seed = input.firstSeed; seed < input.firstSeed + input.seeds; ++seed) {
-    std::mt19937 random(seed);
-    std::vector<std::uint8_t> bytes(4 * std::uniform_int_distribution<std::size_t>(1, 64)(random));
-    for (auto& byte : bytes) byte = static_cast<std::uint8_t>(random());
-    ASSERT_EQ(runOperations(bytes.data(), bytes.size()), "") << "seed " << seed;
-  }
+std::string run(const std::string& bytes) {
+  return runOperations(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
 }
 
-std::vector<Input> inputs() {
-  std::vector<Input> all;
+TEST(Library, AgreesWithItsModelOnEveryInputOfTheFuzzingCorpus) {
+  int inputs = 0;
   for (const auto& file : std::filesystem::directory_iterator(VANTOR_MODEL_CORPUS)) {
-    all.push_back({"corpus_" + file.path().filename().string(), file.path()});
+    std::ifstream in(file.path(), std::ios::binary);
+    EXPECT_EQ(run({std::istreambuf_iterator<char>(in), {}}), "") << file.path().filename();
+    ++inputs;
   }
-  std::sort(all.begin(), all.end(), [](const Input& a, const Input& b) { return a.name < b.name; });
-  for (unsigned first = 0; first < 4000; first += 1000) {
-    all.push_back({"random_seeds_" + std::to_string(first) + "_to_" + std::to_string(first + 999), {}, first, 1000});
-  }
-  return all;
+  EXPECT_GE(inputs, 6);
 }
 
-INSTANTIATE_TEST_SUITE_P(Inputs, Library, ::testing::ValuesIn(inputs()),
-                         [](const ::testing::TestParamInfo<Input>& param) { return param.param.name; });
+TEST(Library, AgreesWithItsModelOnFourThousandSeededRandomSequences) {
+  for (unsigned seed = 0; seed < 4000; ++seed) {
+    std::mt19937 random(seed);
+    std::string bytes(4 * std::uniform_int_distribution<std::size_t>(1, 64)(random), '\0');
+    for (char& byte : bytes) byte = static_cast<char>(random());
+    ASSERT_EQ(run(bytes), "") << "seed " << seed;
+  }
+}
 
 }  // namespace
 }  // namespace vantor::model
