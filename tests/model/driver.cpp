@@ -123,9 +123,9 @@ class Driver : public Calls {
       callback = [this, index = handles_.size(), slot](int value) {
         actAsSlot(*this, static_cast<int>(index), slot, value);
       };
-    handles_.push_back(signal_.connect(callback));
+    handles_.push_back(signal_->connect(callback));
   }
-  void emit(int value) { signal_.emit(value); }
+  void emit(int value) { signal_->emit(value); }
   void setFlag(int index, int action) {
     if (index >= static_cast<int>(handles_.size())) return;
     if (action == 0) handles_[index].disconnect();
@@ -138,7 +138,8 @@ class Driver : public Calls {
     if (index < 0) return static_cast<void>(scoped_.release());
     scoped_ = tessel::ScopedConnection(handles_[index]);
   }
-  void disconnectAll() { signal_.disconnectAll(); }
+  void disconnectAll() { signal_->disconnectAll(); }
+  void rebuildSignal() { signal_.emplace(); }
 
   void updateSecured(bool secured) { cs_.updateSecured(secured); }
   void updateAboutNewCreds() { cs_.updateAboutNewCreds(); }
@@ -181,7 +182,7 @@ class Driver : public Calls {
  private:
   // Runs the next operation; true when it raised.
   bool operation() {
-    const int op = next() % 26, x = next(), y = next(), z = next(), id = ++ids_;
+    const int op = next() % 27, x = next(), y = next(), z = next(), id = ++ids_;
     const int handles = static_cast<int>(handles_.size()), blockers = static_cast<int>(blockers_.size());
     const std::string& address = kAddresses[x % 3];
     const Topic topic{x % 3, kTopics[x / 3 % 3]}, pair{-1, "", address, kPorts[x / 3 % 3]};
@@ -219,6 +220,7 @@ class Driver : public Calls {
       case 22: return step("setTcpPortsVector", [&](auto& api) { api.setPorts(kPortLists[y % 5]); });
       case 23: return step("set a host hook", [&](auto& api) { api.setHook(z % 2, y % 4); });
       case 24: return step("call a host hook", [&](auto& api) { api.callHook(z % 2, address, pair.port, y % 2); });
+      case 25: return step("destroy and rebuild the signal", [&](auto& api) { api.rebuildSignal(); });
       default:
         if (model_.contractSlots[y % 3].size() == 4) return false;  // four slots per contract signal at most
         return step("connect to the contract",
@@ -282,8 +284,8 @@ class Driver : public Calls {
       return failure.what;
     } catch (const std::bad_function_call&) {
       return "empty";
-    } catch (const std::invalid_argument&) {
-      return "mismatch";
+    } catch (const std::invalid_argument& error) {
+      return std::string(error.what()).find(want.operation) == std::string::npos ? error.what() : "mismatch";
     } catch (const std::system_error& error) {
       const std::string what = error.what();
       if (error.code() != std::errc::resource_deadlock_would_occur) return what;
@@ -318,7 +320,7 @@ class Driver : public Calls {
   CyberSecurityContract& cs_ = CyberSecurityContract::instance();
   TestContract reader_{"CyberSecurity", /*purgeOnDestroy=*/false};
   std::unique_ptr<TestContract> contracts_[3];
-  tessel::Signal<int> signal_;
+  std::optional<tessel::Signal<int>> signal_{std::in_place};
   std::vector<tessel::Connection> handles_;
   std::vector<std::unique_ptr<tessel::ConnectionBlocker>> blockers_;
   tessel::ScopedConnection scoped_;

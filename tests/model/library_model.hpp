@@ -7,7 +7,7 @@
 //                    updateIpPortAllowed), mismatch (names bool for an int key: get, subscribe or notify),
 //                    recreate (destroys a test contract and builds it anew);
 //   the signal       connect, emit, setFlag (disconnect, block, unblock), pushBlocker, popBlocker,
-//                    assignScoped (-1 releases), disconnectAll;
+//                    assignScoped (-1 releases), disconnectAll, rebuildSignal;
 //   the contract     updateSecured, updateAboutNewCreds, updateSecurityToken and securityToken (all 32
 //                    bytes equal the int), updateIpAllPortsAllowed, isIpSecured, setPorts, connectContract,
 //                    setHook and callHook (hook 0 is the user-activity logger, 1 the connection callback;
@@ -27,7 +27,8 @@ namespace vantor::model {
 
 // What a callback does once it has logged its call (Empty logs nothing and raises):
 //   Republish  publishes its own key again with 1 - value (not from the delivery that this causes)
-//   Withdraw   unsubscribes its own key;   Replace  subscribes a Record with id + 1000 to it
+//   Withdraw   unsubscribes its own key;   Replace  subscribes a Record with id + 1000 to it (both
+//              then log again, from the state of the callable they withdrew)
 //   Query      logs get() of its own key, or isIpSecured() of its address for a pair
 //   SetPorts   sets the contract's ports to {-1, 17161};   Connect  connects to the secured signal
 //   Reenter    calls its own signal, or publishes the contract topic that feeds its own signal
@@ -112,8 +113,10 @@ void actAsSubscriber(Api& api, const Sub& sub, int value) {
       } done{api, sub.id};
       return api.update(topic, {topic.pair() ? Source::Fixed : Source::Logged, 1 - value});
     }
-    case Kind::Withdraw: return api.unsubscribe(topic);
-    case Kind::Replace: return api.subscribe({sub.id + 1000, Kind::Record, topic});
+    case Kind::Withdraw:
+    case Kind::Replace:  // then logs again: the subscriber it replaced or withdrew still runs intact
+      sub.kind == Kind::Withdraw ? api.unsubscribe(topic) : api.subscribe({sub.id + 1000, Kind::Record, topic});
+      return api.log.push_back(entry('w', sub.id, value));
     case Kind::Query: {
       const int answer = topic.pair() ? api.isIpSecured(topic.address) : api.get(topic).value_or(-1);
       return api.log.push_back(entry('q', sub.id, answer));
@@ -203,7 +206,7 @@ class Model : public Calls {
     lockBoard(topic.pair() ? "unsubscribeFromIpPortAllowed" : "Contract::unsubscribe"), board.erase(topic.key());
   }
   std::optional<int> get(const Topic& topic) { return read(topic.key(), "Contract::get"); }
-  void mismatch(const Topic&, int) { fail("mismatch"); }
+  void mismatch(const Topic& topic, int) { fail("mismatch", topic.key().c_str()); }  // the error names the key
   void recreate(int contract) {
     for (auto it = board.begin(); it != board.end();) {
       it = it->first.rfind(kNames[contract], 0) == 0 ? board.erase(it) : std::next(it);
@@ -258,6 +261,7 @@ class Model : public Calls {
     lockSignal("Signal::disconnectAll");
     while (!order.empty()) erase(order.begin());
   }
+  void rebuildSignal() { disconnectAll(); }  // destroys the signal, whose handles live on, and builds it anew
 
   // ---- the contract --------------------------------------------------------------------------------
   void updateSecured(bool value) {
