@@ -45,20 +45,3 @@ inline void runTogether(std::size_t count, const std::function<void(std::size_t)
 }
 
 }  // namespace vantor::messaging
-
-namespace vantor::testing {
-
-// A callable of any signature returning R() that counts in `*alive` how many of its copies exist.
-template <typename R = void>
-struct Counted {
-  std::atomic<int>* alive;
-  explicit Counted(std::atomic<int>& count) : alive(&count) { ++*alive; }
-  Counted(const Counted& other) : alive(other.alive) { ++*alive; }
-  ~Counted() { --*alive; }
-  template <typename... Args>
-  R operator()(Args&&...) const {
-    return R();
-  }
-};
-
-}  // namespace vantor::testing
