@@ -8,76 +8,45 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <functional>
-#include <string>
-#include <unistd.h>
-#include <vector>
 
 #include "test_support.hpp"
-#include "vantor/messaging/contract_cyber_security.hpp"
 
-namespace {
+using namespace vantor::messaging;
 
-using vantor::messaging::BoardTestPeer;
-using vantor::messaging::CyberSecurityContract;
+static std::string failures;  // a line per failed check
+static void check(bool ok, const std::string& what) { failures += ok ? "" : "FAILED: " + what + "\n"; }
 
-int passed = 0;
-int failed = 0;
-
-void check(bool ok, const char* what) {
-  ++(ok ? passed : failed);
-  if (!ok) std::fprintf(stderr, "FAILED: %s\n", what);
-}
-
-void betweenContractAndBoard() {
+static void betweenContractAndBoard() {
   check(BoardTestPeer::entriesWithPrefix("CyberSecurity") == 0, "the contract's entries are gone at exit");
   check(BoardTestPeer::hasGetter("Bystander:topic"), "the board itself is still intact");
-  std::printf("contract_exit_test: %d passed, %d failed\n", passed, failed);
-  std::fflush(stdout);
-  if (failed != 0) _exit(1);
+  if (!failures.empty()) std::fputs(failures.c_str(), stderr), std::_Exit(1);  // skips the rest of exit
 }
-
-}  // namespace
 
 int main() {
   std::atexit(betweenContractAndBoard);
-
   CyberSecurityContract* seen[2] = {nullptr, nullptr};
-  vantor::testing::runTogether(2, [&seen](std::size_t index) { seen[index] = &CyberSecurityContract::instance(); });
+  runTogether(2, [&seen](std::size_t index) { seen[index] = &CyberSecurityContract::instance(); });
   check(seen[0] != nullptr && seen[0] == seen[1], "racing first callers receive the same object");
   CyberSecurityContract& contract = *seen[0];
 
-  // Defaults.
-  check(!contract.isSecured(), "not secured at first");
-  check(!contract.getSecurityToken(), "no token at first");
-  bool loggerUnset = false;
+  check(!contract.isSecured() && !contract.getSecurityToken(), "neither secured nor a token at first");
   try {
-    contract.userActivityLogger();
+    contract.userActivityLogger(), check(false, "no user-activity logger at first");
   } catch (const std::bad_function_call&) {
-    loggerUnset = true;
   }
-  check(loggerUnset, "no user-activity logger at first");
-  contract.registerConnection("192.0.2.1", 1, true);  // no callback: nothing happens
-  check(BoardTestPeer::hasSubscriber("CyberSecurity:Secured") &&
-            BoardTestPeer::hasSubscriber("CyberSecurity:NewCredentials") &&
-            BoardTestPeer::hasSubscriber("CyberSecurity:SecurityToken"),
-        "the contract's three subscribers are installed");
-  check(BoardTestPeer::entriesWithPrefix("CyberSecurity") == 3, "and nothing else: no getter");
+  contract.registerConnection("192.0.2.1", 1, true);  // without a callback: nothing happens
+  for (const std::string topic : {"Secured", "NewCredentials", "SecurityToken"})
+    check(BoardTestPeer::hasSubscriber("CyberSecurity:" + topic), "the contract subscribes to its three topics");
+  check(BoardTestPeer::entriesWithPrefix("CyberSecurity") == 3, "and stores nothing else");
 
-  const std::vector<int> defaults = {17161, 17168, 17171, 17172, 17175, 17176, 17178};
-  std::vector<int> walked;
-  for (const int port : defaults) {
-    contract.subscribeToIpPortAllowed("192.0.2.7", port, [&walked, port](bool) { walked.push_back(port); });
-  }
+  std::vector<int> walked, defaults = {17161, 17168, 17171, 17172, 17175, 17176, 17178};
+  for (const int port : defaults)
+    contract.subscribeToIpPortAllowed("192.0.2.7", port, [&, port](bool) { walked.push_back(port); });
   contract.updateIpAllPortsAllowed("192.0.2.7", true);
   check(walked == defaults, "the default ports, in order");
 
-  // Leave entries of every kind behind for the destruction to remove.
-  contract.updateSecured(true);
-  contract.updateSecurityToken(CyberSecurityContract::Token{1, 2, 3});
-  contract.updateIpPortAllowed("192.0.2.8", -1, false);
-  contract.subscribeToIpPortAllowed("192.0.2.9", 0, [](bool) {});
-  static vantor::messaging::TestContract bystander("Bystander", /*purgeOnDestroy=*/false);
+  // Leave getters and subscribers of every kind for the destruction to remove, beside a bystander's entry.
+  contract.updateSecured(true), contract.updateSecurityToken(CyberSecurityContract::Token{1, 2, 3});
+  static TestContract bystander("Bystander", /*purgeOnDestroy=*/false);
   bystander.update<int>("topic", [] { return 1; });
-  return 0;
 }

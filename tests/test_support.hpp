@@ -1,86 +1,47 @@
 #pragma once
 
-// Test access to the board (a contract whose topic operations are public, and an inspector of the
-// board's maps and lock, a friend of MessageBoard), a start line for threading tests, and a callable
-// that counts its own copies.
+// Test access to the board: a contract whose topic operations are public, and an inspector of the
+// board's maps and lock (a friend of MessageBoard). And threads that leave a start line together.
 
-#include <atomic>
-#include <string>
-#include <thread>
-#include <utility>
-#include <vector>
-
-#include "vantor/messaging/contract.hpp"
-#include "vantor/messaging/message_board.hpp"
+#include "vantor/messaging/contract_cyber_security.hpp"  // the board, Contract, <atomic>, <thread>, <vector>
 
 namespace vantor::messaging {
 
+// Reads the board without taking its lock, so call it only while no other thread uses the board (a callback
+// that runs under the lock may call it too).
 class BoardTestPeer {
  public:
-  static bool hasGetter(const std::string& key) { return count(&BoardData::getters, key) != 0; }
-  static bool hasSubscriber(const std::string& key) { return count(&BoardData::subscribers, key) != 0; }
-  // Entries in both maps whose key starts with `prefix`.
-  static std::size_t entriesWithPrefix(const std::string& prefix) {
-    std::size_t found = 0;
-    for (auto map : {&BoardData::getters, &BoardData::subscribers}) found += count(map, prefix, true);
-    return found;
-  }
+  static bool hasGetter(const std::string& key) { return count(key, key.npos, &BoardData::getters) != 0; }
+  static bool hasSubscriber(const std::string& key) { return count(key, key.npos, &BoardData::subscribers) != 0; }
+  static std::size_t entriesWithPrefix(const std::string& prefix) { return count(prefix, prefix.size()); }
   static bool heldByThisThread() { return data().mutex.holder() == std::this_thread::get_id(); }
   static bool lockIsFree() { return data().mutex.holder() == std::thread::id(); }
-
- private:
   static BoardData& data() { return *MessageBoard::instance_.data_; }
-  static std::size_t count(BoardMap BoardData::*map, const std::string& key,
-                           bool prefix = false) VANTOR_NO_THREAD_SAFETY_ANALYSIS {
-    tessel::detail::TrackedLock lock(data().mutex, "BoardTestPeer::count");
-    if (!prefix) return (data().*map).count(BoardKey(key));
+  // Entries of `map` (of both maps without one) whose key's first `length` characters are `key` (npos: all).
+  static std::size_t count(const std::string& key, std::size_t length, BoardMap BoardData::*map = nullptr) {
+    if (map == nullptr) return count(key, length, &BoardData::getters) + count(key, length, &BoardData::subscribers);
     std::size_t found = 0;
-    for (const auto& entry : data().*map) found += entry.first.text.compare(0, key.size(), key) == 0;
+    for (const auto& entry : data().*map) found += entry.first.text.compare(0, length, key) == 0;
     return found;
   }
 };
 
-class TestContract : public Contract {
- public:
+struct TestContract : Contract {
   explicit TestContract(std::string name, bool purgeOnDestroy = true) : Contract(std::move(name), purgeOnDestroy) {}
   using Contract::get, Contract::key, Contract::notify, Contract::subscribe, Contract::unsubscribe, Contract::update;
 };
 
-}  // namespace vantor::messaging
-
-namespace vantor::testing {
-
-// A one-shot latch: the `count` threads that arrive leave together.
-struct StartLine {
-  std::atomic<std::size_t> waiting;
-  explicit StartLine(std::size_t count) : waiting(count) {}
-  void arriveAndWait() {
-    for (--waiting; waiting.load() != 0;) std::this_thread::yield();
-  }
-};
+// A start line: `waiting` counts the threads yet to arrive; each arrives, then spins until none is left.
+inline void arriveAndWait(std::atomic<std::size_t>& waiting) {
+  for (--waiting; waiting.load() != 0;) std::this_thread::yield();
+}
 
 // Runs `body(index)` on `count` threads that leave a start line together, and joins them.
-template <typename Body>
-void runTogether(std::size_t count, Body body) {
-  StartLine start(count);
+inline void runTogether(std::size_t count, const std::function<void(std::size_t)>& body) {
+  std::atomic<std::size_t> waiting{count};
   std::vector<std::thread> threads;
-  for (std::size_t index = 0; index < count; ++index) {
-    threads.emplace_back([&, index] { start.arriveAndWait(), body(index); });
-  }
+  for (std::size_t i = 0; i < count; ++i) threads.emplace_back([&, i] { arriveAndWait(waiting), body(i); });
   for (auto& thread : threads) thread.join();
 }
 
-// A callable of any signature returning R() that counts in `*alive` how many of its copies exist.
-template <typename R = void>
-struct Counted {
-  std::atomic<int>* alive;
-  explicit Counted(std::atomic<int>& count) : alive(&count) { ++*alive; }
-  Counted(const Counted& other) : alive(other.alive) { ++*alive; }
-  ~Counted() { --*alive; }
-  template <typename... Args>
-  R operator()(Args&&...) const {
-    return R();
-  }
-};
-
-}  // namespace vantor::testing
+}  // namespace vantor::messaging

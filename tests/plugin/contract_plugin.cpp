@@ -2,40 +2,35 @@
 // that count their own copies in the test's memory.
 
 #include "test_support.hpp"
-#include "vantor/messaging/contract_cyber_security.hpp"
+
+using namespace vantor::messaging;
 
 class Logger {};
+static Logger hostLogger;
 
-namespace {
-using vantor::messaging::CyberSecurityContract;
-using vantor::testing::Counted;
-Logger hostLogger;
-struct CountedLogger : Counted<> {
+// A callable of any signature that counts in `*alive` how many of its copies exist. Called without
+// arguments, as the logger hook, it returns the host's Logger.
+struct Counted {
+  std::atomic<int>* alive;
+  explicit Counted(std::atomic<int>* count) : alive(count) { ++*alive; }
+  Counted(const Counted& other) : Counted(other.alive) {}
+  ~Counted() { --*alive; }
+  template <typename... Args>
+  void operator()(const Args&...) const {}
   Logger& operator()() const { return hostLogger; }
 };
-}  // namespace
 
-#define PLUGIN_API extern "C" __attribute__((visibility("default")))
-
-PLUGIN_API std::size_t pluginBoardEntries() { return vantor::messaging::BoardTestPeer::entriesWithPrefix(""); }
-
-// True when the contract shows its initial state: its three subscribers and nothing else.
-PLUGIN_API bool pluginContractIsFresh() {
-  CyberSecurityContract& contract = CyberSecurityContract::instance();
-  return !contract.isSecured() && !contract.getSecurityToken() && pluginBoardEntries() == 3;
-}
-
-// Stores counted function objects everywhere the contract keeps one, and publishes through them.
-PLUGIN_API void pluginUseContract(std::atomic<int>* alive) {
-  CyberSecurityContract& contract = CyberSecurityContract::instance();
-  contract.connectSecuredSignal(Counted<>(*alive));
-  contract.connectNewCredentialsSignal(Counted<>(*alive));
-  contract.connectSecurityTokenSignal(Counted<>(*alive));
-  contract.subscribeToIpPortAllowed("192.0.2.7", 17161, Counted<>(*alive));
-  contract.setUserActivityLogger(CountedLogger{Counted<>(*alive)});
-  contract.setRegisterConnectonCallback(Counted<>(*alive));
-  contract.updateSecured(true), contract.updateAboutNewCreds(),
-      contract.updateSecurityToken(CyberSecurityContract::Token{7});
-  contract.updateIpAllPortsAllowed("192.0.2.7", true), contract.userActivityLogger();
-  contract.registerConnection("192.0.2.7", 17161, true);
+// Stores counted function objects everywhere the contract keeps one, and publishes through them. Returns
+// whether the board was new (empty) and the contract it built in its initial state: its three subscribers,
+// and nothing else.
+extern "C" __attribute__((visibility("default"))) bool pluginUseContract(std::atomic<int>* alive) {
+  const bool emptyBoard = BoardTestPeer::entriesWithPrefix("") == 0;
+  CyberSecurityContract& cs = CyberSecurityContract::instance();
+  const bool fresh = !cs.isSecured() && !cs.getSecurityToken() && BoardTestPeer::entriesWithPrefix("") == 3;
+  cs.connectSecuredSignal(Counted(alive)), cs.connectNewCredentialsSignal(Counted(alive));
+  cs.connectSecurityTokenSignal(Counted(alive)), cs.setUserActivityLogger(Counted(alive));
+  cs.subscribeToIpPortAllowed("192.0.2.7", 17161, Counted(alive)), cs.setRegisterConnectonCallback(Counted(alive));
+  cs.updateSecured(true), cs.updateAboutNewCreds(), cs.updateSecurityToken({{7}}), cs.userActivityLogger();
+  cs.updateIpAllPortsAllowed("192.0.2.7", true), cs.registerConnection("192.0.2.7", 17161, true);
+  return emptyBoard && fresh;
 }
