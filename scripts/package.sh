@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds the two Debian packages (preset `package`), lists their contents, checks them with lintian
-# (any error fails), installs them with dpkg, builds and runs tests/consumer against that system
+# (any error fails), installs them with dpkg, builds and runs tests/consumer (the example of a host's
+# own contract) against that system
 # install through find_package() and through pkg-config, and removes the packages again, also when
 # a step fails. Run as root; leaves the packages in build/package/packages/.
 set -euo pipefail
@@ -53,6 +54,17 @@ echo "==== dpkg -i"
 dpkg -i "${runtime_deb[0]}" "${dev_deb[0]}" >/dev/null
 libdir=/usr/lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)
 
+# Runs consumer $1, which prints the version of the headers it was built with first: it must be $2.
+run_consumer() {
+  local output
+  output=$("$1") || { printf '%s\n' "$output" >&2; exit 1; }
+  printf '%s\n' "$output"
+  if [ "$(head -n1 <<<"$output")" != "vantor_message_board $2" ]; then
+    echo "package: $1 was built with the headers of another version than $2" >&2
+    exit 1
+  fi
+}
+
 rm -rf "$work"
 echo "==== consumer through find_package()"
 cmake -S tests/consumer -B "$work/find_package" -G Ninja -DCMAKE_CXX_COMPILER=g++ >/dev/null
@@ -62,7 +74,7 @@ if [ "$found" != "$libdir/cmake/vantor_message_board" ]; then
   exit 1
 fi
 cmake --build "$work/find_package" >/dev/null
-"$work/find_package/consumer"
+run_consumer "$work/find_package/consumer" "$(cat "$work/find_package/found_version")"
 
 echo "==== consumer through pkg-config"
 prefix=$(env -u PKG_CONFIG_PATH pkg-config --variable=prefix vantor_message_board)
@@ -72,9 +84,8 @@ if [ "$prefix" != /usr ]; then
 fi
 version=$(env -u PKG_CONFIG_PATH pkg-config --modversion vantor_message_board)
 read -r -a flags <<<"$(env -u PKG_CONFIG_PATH pkg-config --cflags --libs vantor_message_board)"
-g++ -std=c++17 tests/consumer/consumer.cpp "${flags[@]}" "-DVANTOR_CONSUMER_EXPECTED_VERSION=\"$version\"" \
-    -o "$work/consumer_pc"
-"$work/consumer_pc"
+g++ -std=c++17 examples/host_contract.cpp "${flags[@]}" -o "$work/consumer_pc"
+run_consumer "$work/consumer_pc" "$version"
 
 # Both consumers must have loaded the packaged library, not some other copy (compared as real paths:
 # with a merged /usr, the loader finds /usr/lib/... through /lib/...).

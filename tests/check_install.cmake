@@ -1,10 +1,17 @@
-# Installs the build tree into a scratch prefix, then builds and runs a small consumer against it twice:
-# through find_package() and through pkg-config.
+# Installs the build tree into a scratch prefix, then builds and runs a consumer against it twice:
+# through find_package() and through pkg-config. The consumer is the example of a host's own contract,
+# which prints the version of the headers it was built with first: both must be VERSION.
 function(run)
   execute_process(COMMAND ${ARGV} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE out)
   if(NOT rc EQUAL 0)
     string(REPLACE ";" " " command "${ARGV}")
     message(FATAL_ERROR "failed (${rc}): ${command}\n${out}")
+  endif()
+  set(out "${out}" PARENT_SCOPE)
+endfunction()
+function(expect_version what found)
+  if(NOT found STREQUAL VERSION)
+    message(FATAL_ERROR "${what} reports version '${found}', the build is ${VERSION}")
   endif()
 endfunction()
 
@@ -29,7 +36,11 @@ endif()
 run(${CMAKE_COMMAND} -S ${SOURCE_DIR} -B ${WORK_DIR}/build -G Ninja -DCMAKE_CXX_COMPILER=${CXX}
     -DCMAKE_PREFIX_PATH=${prefix})
 run(${CMAKE_COMMAND} --build ${WORK_DIR}/build)
+file(READ ${WORK_DIR}/build/found_version found)
+expect_version("find_package()" "${found}")
 run(${WORK_DIR}/build/consumer)
+string(REGEX MATCH "^vantor_message_board ([^\n]*)" first "${out}")
+expect_version("the version header found through find_package()" "${CMAKE_MATCH_1}")
 
 # pkg-config.
 set(ENV{PKG_CONFIG_PATH} ${libdir}/pkgconfig)
@@ -45,8 +56,11 @@ execute_process(COMMAND pkg-config --variable=prefix vantor_message_board OUTPUT
 if(NOT pc_prefix STREQUAL prefix)
   message(FATAL_ERROR "pkg-config reports prefix '${pc_prefix}', installed into '${prefix}'")
 endif()
-execute_process(COMMAND pkg-config --modversion vantor_message_board OUTPUT_VARIABLE version
+execute_process(COMMAND pkg-config --modversion vantor_message_board OUTPUT_VARIABLE found
                 OUTPUT_STRIP_TRAILING_WHITESPACE)
-run(${CXX} -std=c++17 ${SOURCE_DIR}/consumer.cpp ${flags} "-DVANTOR_CONSUMER_EXPECTED_VERSION=\"${version}\""
-    -Wl,-rpath,${libdir} -o ${WORK_DIR}/consumer_pc)
+expect_version("pkg-config" "${found}")
+run(${CXX} -std=c++17 ${SOURCE_DIR}/../../examples/host_contract.cpp ${flags} -Wl,-rpath,${libdir}
+    -o ${WORK_DIR}/consumer_pc)
 run(${WORK_DIR}/consumer_pc)
+string(REGEX MATCH "^vantor_message_board ([^\n]*)" first "${out}")
+expect_version("the version header found through pkg-config" "${CMAKE_MATCH_1}")
