@@ -53,20 +53,4 @@ TEST_P(Signal, CallbacksPublishingIntoEachOtherOnEveryThreadFailExactlyOneThread
 INSTANTIATE_TEST_SUITE_P(Rings, Signal, ::testing::Range<std::size_t>(0, kRings.size()),
                          [](const auto& p) { return kRings[p.param].first; });
 
-TEST(Board, HeavyContentionWithoutACycleRaisesNothing) {
-  TestContract board("Contention");
-  tessel::Signal<int> emitters[2];
-  std::atomic<int> calls{0};
-  // Each signal's callback takes the board's lock (signal before board, the one permitted nesting).
-  for (auto& emitter : emitters) emitter.connect([&](int) { ++calls, board.get<int>("k"); });
-  board.subscribe<int>("k", [&](const int& value) { emitters[value % 2].emit(value); });
-  runTogether(4, [&](std::size_t index) {
-    for (int round = 0; round < 2000; ++round) {
-      board.update<int>("k", [round] { return round; }), emitters[index % 2].emit(round);
-      tessel::ScopedConnection transient = emitters[(index + 1) % 2].connect([](int) {});
-    }
-  });
-  EXPECT_EQ(calls, 2 * 4 * 2000) << "two signal callbacks per round on each of four threads";
-}
-
 }  // namespace vantor::messaging

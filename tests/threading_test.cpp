@@ -45,23 +45,29 @@ TEST(Signal, FlagsBlockersAndConnectsFromOtherThreadsWhileOneEmitsLoseNothing) {
   EXPECT_EQ(toggled, toggledBefore) << "a slot disconnected before an emission began is not invoked";
 }
 
-TEST(CyberSecurityContract, OperationsFromFiveHostThreadsAtOnceLoseNoCall) {
+// Also heavy contention without a lock cycle, which must raise nothing: the secured signal's slot reads
+// the board (signal before board, the one permitted nesting) while other threads hold either lock.
+TEST(CyberSecurityContract, OperationsFromFiveHostThreadsAtOnceLoseNoCallAndRaiseNothing) {
   const std::string address = "198.51.100.70";
   CyberSecurityContract& contract = CyberSecurityContract::instance();
-  std::atomic<int> registered{0}, portCalls[2] = {{0}, {0}};
+  std::atomic<int> registered{0}, secured{0}, portCalls[2] = {{0}, {0}};
   contract.setTcpPortsVector({1, 2});
   for (int port : {1, 2}) contract.subscribeToIpPortAllowed(address, port, [&, port](bool) { ++portCalls[port - 1]; });
+  tessel::ScopedConnection reader =
+      contract.connectSecuredSignalWithHandle([&](bool) { ++secured, contract.isIpSecured(address); });
   runTogether(5, [&](std::size_t index) {
     for (int round = 0; round < kRounds; ++round) {
       if (index == 0) contract.updateIpAllPortsAllowed(address, round % 2 == 0);
       if (index == 1) contract.setTcpPortsVector(round % 2 ? std::vector<int>{1, 2} : std::vector<int>{2, 1});
       if (index == 2) contract.updateSecured(round % 2 == 0);
+      if (index == 3) tessel::ScopedConnection transient = contract.connectSecuredSignalWithHandle([](bool) {});
       if (index == 3) contract.isIpSecured(address);
       if (index == 4) contract.setRegisterConnectionCallback([&](const std::string&, int, bool) { ++registered; });
       if (index == 4) contract.registerConnection(address, round, true);
     }
   });
-  for (const std::atomic<int>* calls : {&registered, &portCalls[0], &portCalls[1]}) EXPECT_EQ(*calls, kRounds);
+  for (const std::atomic<int>* calls : {&registered, &secured, &portCalls[0], &portCalls[1]})
+    EXPECT_EQ(*calls, kRounds);
   for (int port : {1, 2}) contract.unsubscribeFromIpPortAllowed(address, port);  // the listeners count into this frame
   contract.setRegisterConnectionCallback({});
 }

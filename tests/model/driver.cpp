@@ -46,39 +46,26 @@ std::optional<int> code(const OptionalToken& token) {
   return even ? token->front() : 999;
 }
 
-// A host hook that records its calls into `calls`, that throws, or whose copy constructor calls the
-// contract (which must never copy a hook while it holds a lock of its own).
-struct Hook {
-  Calls* calls;
-  int kind;
-  std::function<void()> onCopy;
-  Hook(Calls* to, int as, std::function<void()> copied) : calls(to), kind(as), onCopy(std::move(copied)) {}
-  Hook(const Hook& other) : Hook(other.calls, other.kind, other.onCopy) {
-    if (kind == 3) onCopy();
-  }
-  Logger& operator()() const {
-    if (kind == 2) fail("thrown");
-    return theLogger;
-  }
-  void operator()(const std::string& address, int port, bool flag) const {
-    if (kind == 2) fail("thrown");
-    calls->log.push_back(entry('r', port, flag) + address);
-  }
-};
-
-class Driver : public Calls {
+class Driver {
  public:
-  Driver(const std::uint8_t* data, std::size_t size) : data_(data), size_(size) {
+  // The first run in a process starts from the contract's defaults, and checks them first: it calls
+  // both hooks before any is set, and walks the default ports to two of their listeners. Later runs
+  // start from the same state, put back.
+  Driver(const std::uint8_t* data, std::size_t size) : bytes_(data, data + size) {
     { TestContract sweep("CyberSecurity:IP:"); }  // its purge removes every address and pair topic
     static bool first = true;
-    if (!std::exchange(first, false)) cs_.setTcpPortsVector(std::vector<int>(model_.ports));  // else the defaults
-    cs_.updateSecured(false), cs_.updateSecurityToken(boost::none);
-    cs_.setUserActivityLogger({}), cs_.setRegisterConnectonCallback({});
+    if (std::exchange(first, false)) {
+      bytes_.insert(bytes_.begin(), {24, 0, 0, 0, 24, 0, 0, 1, 19, 0, 0, 0, 19, 3, 0, 0, 18, 0, 1, 0});
+    } else {
+      cs_.setTcpPortsVector(std::vector<int>(model_.ports)), cs_.updateSecured(false);
+      cs_.updateSecurityToken(boost::none), cs_.setUserActivityLogger({}), cs_.setRegisterConnectonCallback({});
+      model_.updateSecured(false), model_.updateSecurityToken(std::nullopt);  // which leaves both getters stored
+    }
     for (int index = 0; index < 3; ++index) contracts_[index] = std::make_unique<TestContract>(kNames[index]);
   }
 
   std::string run() {
-    while (pos_ < size_ && failure_.empty()) {
+    while (pos_ < bytes_.size() && failure_.empty()) {
       ++steps_;
       if (operation() && failure_.empty()) step("emit after a failure", [](auto& api) { api.emit(0); });
     }
@@ -86,6 +73,7 @@ class Driver : public Calls {
   }
 
   // ---- the library, under the model's names (library_model.hpp lists them) -------------------------
+  std::string log;
   bool underBoardLock() { return BoardTestPeer::heldByThisThread(); }
   void update(const Topic& topic, Getter getter) {
     if (topic.pair()) return cs_.updateIpPortAllowed(topic.address, topic.port, getter.value != 0);
@@ -156,17 +144,17 @@ class Driver : public Calls {
   void setPorts(const std::vector<int>& ports) {
     std::vector<int> argument = ports;
     cs_.setTcpPortsVector(std::move(argument));
-    if (argument != ports) log.push_back("argument emptied");  // NOLINT(bugprone-use-after-move): it must keep them
+    if (argument != ports) log += "argument emptied ";  // NOLINT(bugprone-use-after-move): it must keep them
   }
   void setHook(int hook, int kind) {
-    const Hook callable(this, kind, [this] { cs_.setTcpPortsVector(std::vector<int>(model_.ports)); });
+    const Hook callable{this, kind};
     if (hook == 0) cs_.setUserActivityLogger(kind ? CyberSecurityContract::LoggerHook(callable) : nullptr);
     if (hook == 1)
       cs_.setRegisterConnectionCallback(kind ? CyberSecurityContract::ConnectionCallback(callable) : nullptr);
   }
   void callHook(int hook, const std::string& address, int port, bool flag) {
     if (hook == 1) return cs_.registerConnection(address, port, flag);
-    if (&cs_.userActivityLogger() == &theLogger) log.push_back(entry('l', port, flag));
+    if (&cs_.userActivityLogger() == &theLogger) log += entry('l', port, flag);
   }
   void connectContract(int signal, int id, Kind kind) {
     const std::function<void(int)> act = [this, signal, id, kind](int value) {
@@ -180,6 +168,25 @@ class Driver : public Calls {
   }
 
  private:
+  // A host hook that records its calls, throws (kind 2), or whose copy constructor calls the contract
+  // (kind 3), which must never copy a hook while it holds a lock of its own.
+  struct Hook {
+    Driver* driver;
+    int kind;
+    Hook(Driver* to, int as) : driver(to), kind(as) {}
+    Hook(const Hook& other) : Hook(other.driver, other.kind) {
+      if (kind == 3) driver->cs_.setTcpPortsVector(std::vector<int>(driver->model_.ports));
+    }
+    Logger& operator()() const {
+      if (kind == 2) fail("thrown");
+      return theLogger;
+    }
+    void operator()(const std::string& address, int port, bool flag) const {
+      if (kind == 2) fail("thrown");
+      driver->log += entry('r', port, flag) + address + " ";
+    }
+  };
+
   // Runs the next operation; true when it raised.
   bool operation() {
     const int op = next() % 27, x = next(), y = next(), z = next(), id = ++ids_;
@@ -192,7 +199,7 @@ class Driver : public Calls {
       case 1: return step("notify", [&](auto& api) { api.notify(topic, y); });
       case 2: return step("subscribe", [&](auto& api) { api.subscribe({id, subscriber, topic}); });
       case 3: return step("unsubscribe", [&](auto& api) { api.unsubscribe(topic); });
-      case 4: return step("get", [&](auto& api) { api.log.push_back(entry('v', 0, api.get(topic).value_or(-1))); });
+      case 4: return step("get", [&](auto& api) { api.log += entry('v', 0, api.get(topic).value_or(-1)); });
       case 5:
         return model_.mismatches(topic, y % 3) && step("mismatch", [&](auto& api) { api.mismatch(topic, y % 3); });
       case 6: return step("destroy and recreate", [&](auto& api) { api.recreate(topic.contract); });
@@ -215,8 +222,7 @@ class Driver : public Calls {
       case 18: return step("updateIpAllPortsAllowed", [&](auto& api) { api.updateIpAllPortsAllowed(address, y % 2); });
       case 19: return step("subscribeToIpPortAllowed", [&](auto& api) { api.subscribe({id, subscriber, pair}); });
       case 20: return step("unsubscribeFromIpPortAllowed", [&](auto& api) { api.unsubscribe(pair); });
-      case 21:
-        return step("isIpSecured", [&](auto& api) { api.log.push_back(entry('i', 0, api.isIpSecured(address))); });
+      case 21: return step("isIpSecured", [&](auto& api) { api.log += entry('i', 0, api.isIpSecured(address)); });
       case 22: return step("setTcpPortsVector", [&](auto& api) { api.setPorts(kPortLists[y % 5]); });
       case 23: return step("set a host hook", [&](auto& api) { api.setHook(z % 2, y % 4); });
       case 24: return step("call a host hook", [&](auto& api) { api.callHook(z % 2, address, pair.port, y % 2); });
@@ -241,7 +247,7 @@ class Driver : public Calls {
     const std::string got = outcome(operation, want);
     std::ostringstream out;
     if (got != want.what) out << "threw " << got << ", the model " << want.what << "; ";
-    if (log != model_.log) out << "called [" << join(log) << "], the model [" << join(model_.log) << "]; ";
+    if (log != model_.log) out << "called [" << log << "], the model [" << model_.log << "]; ";
     if (!BoardTestPeer::lockIsFree()) out << "the board lock is held; ";
     std::size_t entries = 0;
     for (const auto& [key, stored] : model_.board) {
@@ -261,8 +267,8 @@ class Driver : public Calls {
       }
     }
     if (cs_.isSecured() != model_.secured || securityToken() != model_.token ||
-        reader_.get<bool>("Secured") != boost::optional<bool>(model_.secured) ||
-        code(reader_.get<CyberSecurityContract::Token>("SecurityToken")) != model_.token.value_or(0)) {
+        reader_.get<bool>("Secured").value_or(false) != model_.secured ||
+        code(reader_.get<CyberSecurityContract::Token>("SecurityToken")).value_or(0) != model_.token.value_or(0)) {
       out << "the secured flag or the token differ; ";
     }
     const auto* raw = reinterpret_cast<const unsigned char*>(&cs_.getSecurityToken());
@@ -273,8 +279,8 @@ class Driver : public Calls {
     return want.what != "ok";
   }
 
-  // How the operation ended on the library, in the model's words. A deadlock error must name the
-  // operation last called and the lock the model waits for, and on one thread read as a re-entry.
+  // How the operation ended on the library, in the model's words. A mismatch error must name the key;
+  // a deadlock error the operation last called and the lock the model waits for, as a re-entry.
   template <typename Operation>
   std::string outcome(Operation& operation, const Failure& want) {
     try {
@@ -284,19 +290,14 @@ class Driver : public Calls {
       return failure.what;
     } catch (const std::bad_function_call&) {
       return "empty";
-    } catch (const std::invalid_argument& error) {
-      return std::string(error.what()).find(want.operation) == std::string::npos ? error.what() : "mismatch";
-    } catch (const std::system_error& error) {
-      const std::string what = error.what();
-      if (error.code() != std::errc::resource_deadlock_would_occur) return what;
-      for (const std::string& part : {want.operation, want.lock}) {
-        if (what.find(part) == std::string::npos) return "deadlock not naming " + part + ": " + what;
-      }
-      const bool reentry =
-          what.find("already holds") != std::string::npos || what.find("while this thread holds") != std::string::npos;
-      return reentry ? "deadlock" : "deadlock not told as a re-entry: " + what;
     } catch (const std::exception& error) {
-      return error.what();
+      const std::string what = error.what();
+      const auto says = [&what](const std::string& part) { return what.find(part) != std::string::npos; };
+      if (dynamic_cast<const std::invalid_argument*>(&error)) return says(want.operation) ? "mismatch" : what;
+      const auto* system = dynamic_cast<const std::system_error*>(&error);
+      const bool deadlock = system && system->code() == std::errc::resource_deadlock_would_occur;
+      const bool told = says(want.operation) && says(want.lock) && (says("already holds") || says("this thread holds"));
+      return deadlock && told ? "deadlock" : what;
     }
   }
 
@@ -304,16 +305,11 @@ class Driver : public Calls {
     if (getter.source == Source::Empty) return {};
     return [this, getter] { return produce(*this, getter); };
   }
-  int next() { return pos_ < size_ ? data_[pos_++] : 0; }
+  int next() { return pos_ < bytes_.size() ? bytes_[pos_++] : 0; }
   TestContract& contract(const Topic& topic) { return *contracts_[topic.contract]; }
-  static std::string join(const std::vector<std::string>& items) {
-    std::string joined;
-    for (const std::string& item : items) joined += item + " ";
-    return joined;
-  }
 
-  const std::uint8_t* data_;
-  std::size_t size_, pos_ = 0;
+  std::vector<std::uint8_t> bytes_;
+  std::size_t pos_ = 0;
   int steps_ = 0, ids_ = 0;
   std::string failure_;
   Model model_;

@@ -18,7 +18,6 @@
 #include <list>
 #include <map>
 #include <optional>
-#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -26,7 +25,7 @@
 namespace vantor::model {
 
 // What a callback does once it has logged its call (Empty logs nothing and raises):
-//   Republish  publishes its own key again with 1 - value (not from the delivery that this causes)
+//   Republish  publishes 1 to its own key, unless it was delivered 1 (so it republishes once)
 //   Withdraw   unsubscribes its own key;   Replace  subscribes a Record with id + 1000 to it (both
 //              then log again, from the state of the callable they withdrew)
 //   Query      logs get() of its own key, or isIpSecured() of its address for a pair
@@ -78,49 +77,38 @@ struct Failure {
   throw Failure{what, operation, lock};
 }
 
+// One call in a log (each side's `log` lists the callbacks made, in order).
 inline std::string entry(char tag, int id, int value, bool underBoardLock = false) {
-  return tag + std::to_string(id) + ":" + std::to_string(value) + (underBoardLock ? "L" : "");
+  return tag + std::to_string(id) + ":" + std::to_string(value) + (underBoardLock ? "L " : " ");
 }
-
-// What every side records: the callbacks made, in order, and which subscribers are republishing.
-struct Calls {
-  std::vector<std::string> log;
-  std::set<int> republishing;
-};
 
 // What a getter other than Secured and Token does when it is called.
 template <typename Api>
 int produce(Api& api, const Getter& getter) {
   if (getter.source == Source::Throw) fail("thrown");
   if (getter.source == Source::Reenter) return api.get({0, "b"}).value_or(0);
-  if (getter.source == Source::Logged) api.log.push_back(entry('g', 0, getter.value, api.underBoardLock()));
+  if (getter.source == Source::Logged) api.log += entry('g', 0, getter.value, api.underBoardLock());
   return getter.value;
 }
 
 // What a subscriber of a test contract's topic or of a pair does when it is delivered `value`.
 template <typename Api>
 void actAsSubscriber(Api& api, const Sub& sub, int value) {
-  api.log.push_back(entry('s', sub.id, value, api.underBoardLock()));
+  api.log += entry('s', sub.id, value, api.underBoardLock());
   const Topic& topic = sub.topic;
   switch (sub.kind) {
     case Kind::Throw: fail("thrown");
-    case Kind::Republish: {
-      if (!api.republishing.insert(sub.id).second) return;
-      struct Done {
-        Api& api;
-        int id;
-        ~Done() { api.republishing.erase(id); }
-      } done{api, sub.id};
-      return api.update(topic, {topic.pair() ? Source::Fixed : Source::Logged, 1 - value});
-    }
+    case Kind::Republish:
+      if (value != 1) api.update(topic, {topic.pair() ? Source::Fixed : Source::Logged, 1});
+      return;
     case Kind::Withdraw:
     case Kind::Replace:  // then logs again: the subscriber it replaced or withdrew still runs intact
       sub.kind == Kind::Withdraw ? api.unsubscribe(topic) : api.subscribe({sub.id + 1000, Kind::Record, topic});
-      return api.log.push_back(entry('w', sub.id, value));
-    case Kind::Query: {
-      const int answer = topic.pair() ? api.isIpSecured(topic.address) : api.get(topic).value_or(-1);
-      return api.log.push_back(entry('q', sub.id, answer));
-    }
+      api.log += entry('w', sub.id, value);
+      return;
+    case Kind::Query:
+      api.log += entry('q', sub.id, topic.pair() ? api.isIpSecured(topic.address) : api.get(topic).value_or(-1));
+      return;
     case Kind::SetPorts: return api.setPorts({-1, 17161});
     case Kind::Connect: return api.connectContract(0, sub.id, Kind::Record);
     default: return;
@@ -130,7 +118,7 @@ void actAsSubscriber(Api& api, const Sub& sub, int value) {
 // What slot `index` of the signal does when an emission of `value` invokes it.
 template <typename Api>
 void actAsSlot(Api& api, int index, const Slot& slot, int value) {
-  api.log.push_back(entry('x', index, value, api.underBoardLock()));
+  api.log += entry('x', index, value, api.underBoardLock());
   if (slot.kind == Kind::Throw) fail("thrown");
   if (slot.kind == Kind::Flag) api.setFlag(slot.target, slot.action);
   if (slot.kind != Kind::Reenter) return;
@@ -142,27 +130,28 @@ void actAsSlot(Api& api, int index, const Slot& slot, int value) {
 // What a slot of contract signal `signal` (secured, new credentials, token) does when it is invoked.
 template <typename Api>
 void actAsContractSlot(Api& api, int signal, int id, Kind kind, int value) {
-  api.log.push_back(entry('c', id, value, api.underBoardLock()));
+  api.log += entry('c', id, value, api.underBoardLock());
   if (kind == Kind::Throw) fail("thrown");
-  if (kind == Kind::Query) api.log.push_back(entry('q', id, api.isIpSecured("a")));
+  if (kind == Kind::Query) api.log += entry('q', id, api.isIpSecured("a"));
   if (kind != Kind::Reenter) return;
   if (signal == 0) api.updateSecured(value != 0);
   if (signal == 1) api.updateAboutNewCreds();
   if (signal == 2) api.updateSecurityToken(api.securityToken());
 }
 
-class Model : public Calls {
+class Model {
  public:
   Model() {
-    board["CyberSecurity:Secured"] = {Getter{Source::Secured}, Sub{0, Kind::Own, {}}};
+    board["CyberSecurity:Secured"].sub = Sub{0, Kind::Own, {}};  // the getters come with the first update
     board["CyberSecurity:NewCredentials"].sub = Sub{1, Kind::Own, {}};
-    board["CyberSecurity:SecurityToken"] = {Getter{Source::Token}, Sub{2, Kind::Own, {}}};
+    board["CyberSecurity:SecurityToken"].sub = Sub{2, Kind::Own, {}};
   }
 
   struct Entry {
     std::optional<Getter> getter;
     std::optional<Sub> sub;
   };
+  std::string log;
   std::map<std::string, Entry> board;
   bool secured = false;
   std::optional<int> token;
@@ -285,7 +274,7 @@ class Model : public Calls {
   void setHook(int hook, int kind) { hooks[hook] = kind == 3 ? 1 : kind; }
   void callHook(int hook, const std::string& address, int port, bool flag) {
     if (hooks[hook] == 2 || (hooks[hook] == 0 && hook == 0)) fail(hooks[hook] ? "thrown" : "empty");
-    if (hooks[hook] == 1) log.push_back(entry(hook ? 'r' : 'l', port, flag) + (hook ? address : ""));
+    if (hooks[hook] == 1) log += entry(hook ? 'r' : 'l', port, flag) + (hook ? address + " " : "");
   }
   void connectContract(int signal, int id, Kind kind) {
     lockBoard("CyberSecurityContract::connect"), contractSlots[signal].emplace_back(id, kind);
