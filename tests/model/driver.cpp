@@ -26,6 +26,7 @@ using messaging::Contract;
 using messaging::CyberSecurityContract;
 using messaging::TestContract;
 using OptionalToken = CyberSecurityContract::OptionalToken;
+using Listener = std::function<void(bool)>;
 
 const std::string kTopics[] = {"", "b", "a:b"};
 // The address topic of "a:17161" is the port topic of ("a", 17161).
@@ -82,22 +83,16 @@ class Driver {
   void notify(const Topic& topic, int value) { contract(topic).notify<int>(topic.topic, value); }
   void subscribe(const Sub& sub) {
     const auto act = [this, sub](int value) { actAsSubscriber(*this, sub, value); };
-    if (sub.topic.pair()) {
-      cs_.subscribeToIpPortAllowed(sub.topic.address, sub.topic.port,
-                                   sub.kind == Kind::Empty ? nullptr : std::function<void(bool)>(act));
-    } else {
-      contract(sub.topic).subscribe<int>(sub.topic.topic,
-                                         sub.kind == Kind::Empty ? nullptr : std::function<void(const int&)>(act));
-    }
+    const bool none = sub.kind == Kind::Empty;
+    const Topic& topic = sub.topic;
+    if (topic.pair()) return cs_.subscribeToIpPortAllowed(topic.address, topic.port, none ? nullptr : Listener(act));
+    contract(topic).subscribe<int>(topic.topic, none ? nullptr : Contract::Subscriber<int>(act));
   }
   void unsubscribe(const Topic& topic) {
     if (topic.pair()) return cs_.unsubscribeFromIpPortAllowed(topic.address, topic.port);
     contract(topic).unsubscribe(topic.topic);
   }
-  std::optional<int> get(const Topic& topic) {
-    const boost::optional<int> value = contract(topic).get<int>(topic.topic);
-    return value ? std::optional<int>(*value) : std::nullopt;
-  }
+  int get(const Topic& topic) { return contract(topic).get<int>(topic.topic).value_or(-1); }
   void mismatch(const Topic& topic, int how) {
     if (how == 0) contract(topic).get<bool>(topic.topic);
     if (how == 1) contract(topic).subscribe<bool>(topic.topic, [](const bool&) {});
@@ -106,12 +101,10 @@ class Driver {
   void recreate(int index) { contracts_[index] = std::make_unique<TestContract>(kNames[index]); }
 
   void connect(const Slot& slot) {
-    tessel::Signal<int>::Callback callback;
-    if (slot.kind != Kind::Empty)
-      callback = [this, index = handles_.size(), slot](int value) {
-        actAsSlot(*this, static_cast<int>(index), slot, value);
-      };
-    handles_.push_back(signal_->connect(callback));
+    const auto act = [this, index = static_cast<int>(handles_.size()), slot](int v) {
+      actAsSlot(*this, index, slot, v);
+    };
+    handles_.push_back(signal_->connect(slot.kind == Kind::Empty ? nullptr : tessel::Signal<int>::Callback(act)));
   }
   void emit(int value) { signal_->emit(value); }
   void setFlag(int index, int action) {
@@ -199,7 +192,7 @@ class Driver {
       case 1: return step("notify", [&](auto& api) { api.notify(topic, y); });
       case 2: return step("subscribe", [&](auto& api) { api.subscribe({id, subscriber, topic}); });
       case 3: return step("unsubscribe", [&](auto& api) { api.unsubscribe(topic); });
-      case 4: return step("get", [&](auto& api) { api.log += entry('v', 0, api.get(topic).value_or(-1)); });
+      case 4: return step("get", [&](auto& api) { api.log += entry('v', 0, api.get(topic)); });
       case 5:
         return model_.mismatches(topic, y % 3) && step("mismatch", [&](auto& api) { api.mismatch(topic, y % 3); });
       case 6: return step("destroy and recreate", [&](auto& api) { api.recreate(topic.contract); });
@@ -249,15 +242,12 @@ class Driver {
     if (got != want.what) out << "threw " << got << ", the model " << want.what << "; ";
     if (log != model_.log) out << "called [" << log << "], the model [" << model_.log << "]; ";
     if (!BoardTestPeer::lockIsFree()) out << "the board lock is held; ";
-    std::size_t entries = 0;
-    for (const auto& [key, stored] : model_.board) {
-      entries += stored.getter.has_value() + stored.sub.has_value();
-      if (BoardTestPeer::hasGetter(key) != stored.getter.has_value() ||
-          BoardTestPeer::hasSubscriber(key) != stored.sub.has_value()) {
-        out << "the entries of " << key << " differ; ";
-      }
-    }
-    if (BoardTestPeer::entriesWithPrefix("") != entries) out << "the board holds other entries; ";
+    std::map<std::string, std::string> entries, expected;  // key: "g" for a getter, then "s" for a subscriber
+    for (const auto& [key, stored] : BoardTestPeer::data().getters) entries[key.text] += "g";
+    for (const auto& [key, stored] : BoardTestPeer::data().subscribers) entries[key.text] += "s";
+    for (const auto& [key, stored] : model_.board)
+      expected[key] = std::string(stored.getter ? "g" : "") + (stored.sub ? "s" : "");
+    if (entries != expected) out << "the board's entries differ; ";
     for (std::size_t index = 0; index < handles_.size(); ++index) {
       const Slot& slot = model_.slots[index];
       if (handles_[index].connected() != (!slot.erased && !slot.disconnected) ||

@@ -3,7 +3,7 @@
 // A plain, single-threaded model of the whole library (Model), and what the model driver's callbacks do,
 // written once for both sides: a delivery of the model runs them on the model, one of the library
 // (driver.cpp) on the library. Both sides offer the same operations, under the same names:
-//   the board        update, notify, subscribe, unsubscribe, get of a Topic (a pair's update is
+//   the board        update, notify, subscribe, unsubscribe, get (-1: none) of a Topic (a pair's update is
 //                    updateIpPortAllowed), mismatch (names bool for an int key: get, subscribe or notify),
 //                    recreate (destroys a test contract and builds it anew);
 //   the signal       connect, emit, setFlag (disconnect, block, unblock), pushBlocker, popBlocker,
@@ -15,7 +15,6 @@
 // Each operation appends the callbacks it makes to `log`, and the model throws Failure exactly where the
 // library throws.
 
-#include <list>
 #include <map>
 #include <optional>
 #include <string>
@@ -86,7 +85,7 @@ inline std::string entry(char tag, int id, int value, bool underBoardLock = fals
 template <typename Api>
 int produce(Api& api, const Getter& getter) {
   if (getter.source == Source::Throw) fail("thrown");
-  if (getter.source == Source::Reenter) return api.get({0, "b"}).value_or(0);
+  if (getter.source == Source::Reenter) return api.get({0, "b"});
   if (getter.source == Source::Logged) api.log += entry('g', 0, getter.value, api.underBoardLock());
   return getter.value;
 }
@@ -107,7 +106,7 @@ void actAsSubscriber(Api& api, const Sub& sub, int value) {
       api.log += entry('w', sub.id, value);
       return;
     case Kind::Query:
-      api.log += entry('q', sub.id, topic.pair() ? api.isIpSecured(topic.address) : api.get(topic).value_or(-1));
+      api.log += entry('q', sub.id, topic.pair() ? api.isIpSecured(topic.address) : api.get(topic));
       return;
     case Kind::SetPorts: return api.setPorts({-1, 17161});
     case Kind::Connect: return api.connectContract(0, sub.id, Kind::Record);
@@ -157,9 +156,8 @@ class Model {
   std::optional<int> token;
   std::vector<int> ports{17161, 17168, 17171, 17172, 17175, 17176, 17178};
   std::vector<std::pair<int, Kind>> contractSlots[3];
-  int hooks[2] = {0, 0};                       // none, recorder or thrower
-  std::vector<Slot> slots;                     // every slot ever connected to the signal, by handle index
-  std::list<int> order;                        // the signal's list, in connection order
+  int hooks[2] = {0, 0};    // none, recorder or thrower
+  std::vector<Slot> slots;  // every slot ever connected to the signal, by handle index: in connection order
   std::vector<std::pair<int, bool>> blockers;  // slot, and whether it counted
   int scoped = -1;
 
@@ -194,8 +192,8 @@ class Model {
   void unsubscribe(const Topic& topic) {
     lockBoard(topic.pair() ? "unsubscribeFromIpPortAllowed" : "Contract::unsubscribe"), board.erase(topic.key());
   }
-  std::optional<int> get(const Topic& topic) { return read(topic.key(), "Contract::get"); }
-  void mismatch(const Topic& topic, int) { fail("mismatch", topic.key().c_str()); }  // the error names the key
+  int get(const Topic& topic) { return read(topic.key(), "Contract::get").value_or(-1); }  // -1: none
+  void mismatch(const Topic& topic, int) { fail("mismatch", topic.key().c_str()); }        // the error names the key
   void recreate(int contract) {
     for (auto it = board.begin(); it != board.end();) {
       it = it->first.rfind(kNames[contract], 0) == 0 ? board.erase(it) : std::next(it);
@@ -205,27 +203,22 @@ class Model {
   // ---- the signal ----------------------------------------------------------------------------------
   void connect(const Slot& slot) {
     lockSignal("Signal::connect");
-    for (auto it = order.begin(); it != order.end();) it = slots[*it].disconnected ? erase(it) : std::next(it);
+    for (Slot& old : slots) old.erased |= old.disconnected;
     slots.push_back(slot);
-    order.push_back(static_cast<int>(slots.size()) - 1);
   }
   // The pending-slot walk: a live slot runs only once the next live one has been judged.
   void emit(int value) {
     lockSignal("Signal::emit");
     Held held(emitting_);
-    auto pending = order.end();
-    for (auto it = order.begin(); it != order.end();) {
-      if (slots[*it].disconnected) {
-        it = erase(it);
-        continue;
-      }
-      if (!blocked(slots[*it])) {
-        if (pending != order.end()) invoke(*pending, value);
-        pending = it;
-      }
-      ++it;
+    int pending = -1;
+    for (int index = 0; index < static_cast<int>(slots.size()); ++index) {
+      Slot& slot = slots[index];
+      slot.erased |= slot.disconnected;  // the walk erases the disconnected slots it passes
+      if (slot.erased || blocked(slot)) continue;
+      if (pending >= 0) invoke(pending, value);
+      pending = index;
     }
-    if (pending != order.end()) invoke(*pending, value);
+    if (pending >= 0) invoke(pending, value);
   }
   void setFlag(int index, int action) {
     if (index >= static_cast<int>(slots.size()) || slots[index].erased) return;
@@ -248,7 +241,7 @@ class Model {
   }
   void disconnectAll() {
     lockSignal("Signal::disconnectAll");
-    while (!order.empty()) erase(order.begin());
+    for (Slot& slot : slots) slot.erased = true;
   }
   void rebuildSignal() { disconnectAll(); }  // destroys the signal, whose handles live on, and builds it anew
 
@@ -327,10 +320,6 @@ class Model {
   void invoke(int index, int value) {
     if (slots[index].kind == Kind::Empty) fail("empty");
     actAsSlot(*this, index, Slot(slots[index]), value);
-  }
-  std::list<int>::iterator erase(std::list<int>::iterator it) {
-    slots[*it].erased = true;
-    return order.erase(it);
   }
 
   int boardHeld_ = 0, emitting_ = 0, contractEmitting_[3] = {};
