@@ -38,7 +38,7 @@ class PlayerContract : public vantor::messaging::Contract {
 
 }  // namespace
 
-int main() {
+int main() try {
   std::printf("vantor_message_board %s\n", VANTOR_MESSAGE_BOARD_VERSION);
   auto& security = vantor::messaging::CyberSecurityContract::instance();
   PlayerContract player;
@@ -48,7 +48,7 @@ int main() {
   player.playing([&track] { return track; });
   player.onTitle([&shown](const std::string& title) { shown.push_back("title " + title); });  // at once
   player.onVolume([&shown](const int& volume) { shown.push_back("volume " + std::to_string(volume)); });
-  security.connectSecuredSignal([&shown](bool secured) { shown.push_back(secured ? "secured" : "open"); });
+  security.connectSecuredSignal([&shown](bool secured) { shown.emplace_back(secured ? "secured" : "open"); });
   track = "Nocturne";  // read live: the next get() sees it without a new publication
   player.changeVolume(7);
   security.updateSecured(true);
@@ -68,4 +68,7 @@ int main() {
                           !security.isIpSecured("192.0.2.11");
   std::printf("%s\n", asExpected ? "every value arrived as expected" : "the library answered differently");
   return asExpected ? 0 : 1;
+} catch (const std::exception& error) {  // any other error the library raises
+  std::printf("failed: %s\n", error.what());
+  return 1;
 }
