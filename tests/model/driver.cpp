@@ -3,8 +3,6 @@
 // every step compares the calls made, the exception raised, the board's entries and lock, the signal's
 // handles and the contract's state.
 
-#include "model/driver.hpp"
-
 #include <algorithm>
 #include <functional>
 #include <memory>

@@ -13,8 +13,10 @@
 //                    setHook and callHook (hook 0 is the user-activity logger, 1 the connection callback;
 //                    kinds: none, a recorder, a thrower, a recorder whose copy constructor calls the contract).
 // Each operation appends the callbacks it makes to `log`, and the model throws Failure exactly where the
-// library throws.
+// library throws. runOperations(), at the end, is the driver's entry point.
 
+#include <cstddef>
+#include <cstdint>
 #include <map>
 #include <optional>
 #include <string>
@@ -324,5 +326,10 @@ class Model {
 
   int boardHeld_ = 0, emitting_ = 0, contractEmitting_[3] = {};
 };
+
+// Replays a byte string as a sequence of operations, each on the model and then on the library, and
+// compares them after every step (driver.cpp). Single-threaded; may be called any number of times in one
+// process. Returns the first disagreement, or an empty string when they agreed on every step.
+std::string runOperations(const std::uint8_t* data, std::size_t size);
 
 }  // namespace vantor::model

@@ -1,5 +1,5 @@
-// The library against its model (driver.hpp): every input of the checked-in fuzzing corpus, and a few
-// thousand random sequences from fixed seeds.
+// The library against its model (runOperations() in library_model.hpp): every input of the checked-in fuzzing corpus,
+// and a few thousand random sequences from fixed seeds.
 
 #include <gtest/gtest.h>
 
@@ -7,7 +7,7 @@
 #include <fstream>
 #include <random>
 
-#include "model/driver.hpp"
+#include "model/library_model.hpp"
 
 namespace vantor::model {
 namespace {
