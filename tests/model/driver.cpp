@@ -34,8 +34,8 @@ const std::vector<int> kPortLists[] = {{}, {17161}, {17161, 17161}, {-1, 17178, 
 const Source kSources[] = {Source::Empty, Source::Throw, Source::Reenter, Source::Logged};
 const Kind kSubscribers[] = {Kind::Record,   Kind::Record,  Kind::Empty, Kind::Throw,    Kind::Republish,
                              Kind::Withdraw, Kind::Replace, Kind::Query, Kind::SetPorts, Kind::Connect};
-const Kind kSlots[] = {Kind::Record, Kind::Record, Kind::Empty, Kind::Throw, Kind::Reenter, Kind::Flag, Kind::Flag};
-const Kind kContractSlots[] = {Kind::Record, Kind::Throw, Kind::Reenter, Kind::Query};
+const Kind kSlots[] = {Kind::Record, Kind::Record, Kind::Empty, Kind::Throw, Kind::Reenter, Kind::Flag, Kind::Query};
+const Kind kContractSlots[] = {Kind::Record, Kind::Throw, Kind::Reenter, Kind::Query, Kind::Flag};
 Logger theLogger;
 
 // A token as the model writes it: none, or the byte all 32 equal (999 if they differ).
@@ -100,7 +100,7 @@ class Driver {
 
   void connect(const Slot& slot) {
     const auto act = [this, index = static_cast<int>(handles_.size()), slot](int v) {
-      actAsSlot(*this, index, slot, v);
+      actAsSlot(*this, -1, index, slot, v);
     };
     handles_.push_back(signal_->connect(slot.kind == Kind::Empty ? nullptr : tessel::Signal<int>::Callback(act)));
   }
@@ -147,10 +147,8 @@ class Driver {
     if (hook == 1) return cs_.registerConnection(address, port, flag);
     if (&cs_.userActivityLogger() == &theLogger) log += entry('l', port, flag);
   }
-  void connectContract(int signal, int id, Kind kind) {
-    const std::function<void(int)> act = [this, signal, id, kind](int value) {
-      actAsContractSlot(*this, signal, id, kind, value);
-    };
+  void connectContract(int signal, int id, const Slot& slot) {
+    const std::function<void(int)> act = [this, signal, id, slot](int v) { actAsSlot(*this, signal, id, slot, v); };
     if (signal == 0) owned_.emplace_back(cs_.connectSecuredSignalWithHandle(act));
     if (signal == 1) owned_.emplace_back(cs_.connectNewCredentialsSignalWithHandle(act));
     if (signal == 2)
@@ -185,6 +183,7 @@ class Driver {
     const std::string& address = kAddresses[x % 3];
     const Topic topic{x % 3, kTopics[x / 3 % 3]}, pair{-1, "", address, kPorts[x / 3 % 3]};
     const Kind subscriber = kSubscribers[y % 10];
+    const std::optional<int> token = y % 3 == 0 ? std::nullopt : std::optional<int>(y % 3 == 1 ? 0 : y);
     switch (op) {
       case 0: return step("update", [&](auto& api) { api.update(topic, {kSources[std::min(y % 8, 3)], y}); });
       case 1: return step("notify", [&](auto& api) { api.notify(topic, y); });
@@ -200,15 +199,12 @@ class Driver {
       case 10: return handles && step("block for a scope", [&](auto& api) { api.pushBlocker(y % handles); });
       case 11: return blockers && step("end a block", [&](auto& api) { api.popBlocker(y % blockers); });
       case 12:
-        if (y % 2 == 0 && handles == 0) return false;
-        return step("assign scoped", [&](auto& api) { api.assignScoped(y % 2 ? -1 : z % handles); });
+        return (y % 2 || handles) &&
+               step("assign scoped", [&](auto& api) { api.assignScoped(y % 2 ? -1 : z % handles); });
       case 13: return step("disconnectAll", [&](auto& api) { api.disconnectAll(); });
       case 14: return step("updateSecured", [&](auto& api) { api.updateSecured(y % 2); });
       case 15: return step("updateAboutNewCreds", [&](auto& api) { api.updateAboutNewCreds(); });
-      case 16: {
-        const std::optional<int> token = y % 3 == 0 ? std::nullopt : std::optional<int>(y % 3 == 1 ? 0 : y);
-        return step("updateSecurityToken", [&](auto& api) { api.updateSecurityToken(token); });
-      }
+      case 16: return step("updateSecurityToken", [&](auto& api) { api.updateSecurityToken(token); });
       case 17: return step("updateIpPortAllowed", [&](auto& api) { api.update(pair, {Source::Fixed, y % 2}); });
       case 18: return step("updateIpAllPortsAllowed", [&](auto& api) { api.updateIpAllPortsAllowed(address, y % 2); });
       case 19: return step("subscribeToIpPortAllowed", [&](auto& api) { api.subscribe({id, subscriber, pair}); });
@@ -218,10 +214,10 @@ class Driver {
       case 23: return step("set a host hook", [&](auto& api) { api.setHook(z % 2, y % 4); });
       case 24: return step("call a host hook", [&](auto& api) { api.callHook(z % 2, address, pair.port, y % 2); });
       case 25: return step("destroy and rebuild the signal", [&](auto& api) { api.rebuildSignal(); });
-      default:
-        if (model_.contractSlots[y % 3].size() == 4) return false;  // four slots per contract signal at most
-        return step("connect to the contract",
-                    [&](auto& api) { api.connectContract(y % 3, id, kContractSlots[z % 4]); });
+      default:  // at most four slots per contract signal
+        return model_.contractSlots[y % 3].size() < 4 && step("connect to the contract", [&](auto& api) {
+                 api.connectContract(y % 3, id, {kContractSlots[z % 5], z / 5 % 8, z / 40 % 3});
+               });
     }
   }
 

@@ -111,30 +111,23 @@ void actAsSubscriber(Api& api, const Sub& sub, int value) {
       api.log += entry('q', sub.id, topic.pair() ? api.isIpSecured(topic.address) : api.get(topic));
       return;
     case Kind::SetPorts: return api.setPorts({-1, 17161});
-    case Kind::Connect: return api.connectContract(0, sub.id, Kind::Record);
+    case Kind::Connect: return api.connectContract(0, sub.id, {Kind::Record});
     default: return;
   }
 }
 
-// What slot `index` of the signal does when an emission of `value` invokes it.
+// What slot `id` does when an emission of `value` invokes it: a slot of the test signal (`signal` -1,
+// `id` its index) or of contract signal `signal` (secured, new credentials, token).
 template <typename Api>
-void actAsSlot(Api& api, int index, const Slot& slot, int value) {
-  api.log += entry('x', index, value, api.underBoardLock());
+void actAsSlot(Api& api, int signal, int id, const Slot& slot, int value) {
+  api.log += entry(signal < 0 ? 'x' : 'c', id, value, api.underBoardLock());
   if (slot.kind == Kind::Throw) fail("thrown");
   if (slot.kind == Kind::Flag) api.setFlag(slot.target, slot.action);
+  if (slot.kind == Kind::Query) api.log += entry('q', id, api.isIpSecured("a"));
   if (slot.kind != Kind::Reenter) return;
-  if (slot.action == 0) api.emit(value);
-  if (slot.action == 1) api.connect({Kind::Empty});
-  if (slot.action == 2) api.disconnectAll();
-}
-
-// What a slot of contract signal `signal` (secured, new credentials, token) does when it is invoked.
-template <typename Api>
-void actAsContractSlot(Api& api, int signal, int id, Kind kind, int value) {
-  api.log += entry('c', id, value, api.underBoardLock());
-  if (kind == Kind::Throw) fail("thrown");
-  if (kind == Kind::Query) api.log += entry('q', id, api.isIpSecured("a"));
-  if (kind != Kind::Reenter) return;
+  if (signal < 0 && slot.action == 0) api.emit(value);
+  if (signal < 0 && slot.action == 1) api.connect({Kind::Empty});
+  if (signal < 0 && slot.action == 2) api.disconnectAll();
   if (signal == 0) api.updateSecured(value != 0);
   if (signal == 1) api.updateAboutNewCreds();
   if (signal == 2) api.updateSecurityToken(api.securityToken());
@@ -157,8 +150,8 @@ class Model {
   bool secured = false;
   std::optional<int> token;
   std::vector<int> ports{17161, 17168, 17171, 17172, 17175, 17176, 17178};
-  std::vector<std::pair<int, Kind>> contractSlots[3];
-  int hooks[2] = {0, 0};    // none, recorder or thrower
+  std::vector<std::pair<int, Slot>> contractSlots[3];  // id and slot
+  int hooks[2] = {0, 0};                               // none, recorder or thrower
   std::vector<Slot> slots;  // every slot ever connected to the signal, by handle index: in connection order
   std::vector<std::pair<int, bool>> blockers;  // slot, and whether it counted
   int scoped = -1;
@@ -271,8 +264,8 @@ class Model {
     if (hooks[hook] == 2 || (hooks[hook] == 0 && hook == 0)) fail(hooks[hook] ? "thrown" : "empty");
     if (hooks[hook] == 1) log += entry(hook ? 'r' : 'l', port, flag) + (hook ? address + " " : "");
   }
-  void connectContract(int signal, int id, Kind kind) {
-    lockBoard("CyberSecurityContract::connect"), contractSlots[signal].emplace_back(id, kind);
+  void connectContract(int signal, int id, const Slot& slot) {
+    lockBoard("CyberSecurityContract::connect"), contractSlots[signal].emplace_back(id, slot);
   }
 
  private:
@@ -317,11 +310,11 @@ class Model {
     if (sub.kind != Kind::Own) return actAsSubscriber(*this, sub, value);
     if (contractEmitting_[sub.id]) fail("deadlock", kOperations[sub.id], kSignalLocks[sub.id]);
     Held held(contractEmitting_[sub.id]);
-    for (const auto& [id, kind] : std::vector(contractSlots[sub.id])) actAsContractSlot(*this, sub.id, id, kind, value);
+    for (const auto& [id, slot] : std::vector(contractSlots[sub.id])) actAsSlot(*this, sub.id, id, slot, value);
   }
   void invoke(int index, int value) {
     if (slots[index].kind == Kind::Empty) fail("empty");
-    actAsSlot(*this, index, Slot(slots[index]), value);
+    actAsSlot(*this, -1, index, Slot(slots[index]), value);
   }
 
   int boardHeld_ = 0, emitting_ = 0, contractEmitting_[3] = {};
