@@ -11,17 +11,16 @@ namespace vantor::messaging {
 // that runs under the lock may call it too).
 class BoardTestPeer {
  public:
-  static bool hasGetter(const std::string& key) { return count(key, key.npos, &BoardData::getters) != 0; }
-  static bool hasSubscriber(const std::string& key) { return count(key, key.npos, &BoardData::subscribers) != 0; }
-  static std::size_t entriesWithPrefix(const std::string& prefix) { return count(prefix, prefix.size()); }
+  static bool hasGetter(const std::string& key) { return data().getters.count(BoardKey(key)) != 0; }
+  static bool hasSubscriber(const std::string& key) { return data().subscribers.count(BoardKey(key)) != 0; }
   static bool heldByThisThread() { return data().mutex.holder() == std::this_thread::get_id(); }
   static bool lockIsFree() { return data().mutex.holder() == std::thread::id(); }
   static BoardData& data() { return *MessageBoard::instance_.data_; }
-  // Entries of `map` (of both maps without one) whose key's first `length` characters are `key` (npos: all).
-  static std::size_t count(const std::string& key, std::size_t length, BoardMap BoardData::*map = nullptr) {
-    if (map == nullptr) return count(key, length, &BoardData::getters) + count(key, length, &BoardData::subscribers);
+  // How many entries of both maps have a key that begins with `prefix`.
+  static std::size_t entriesWithPrefix(const std::string& prefix) {
     std::size_t found = 0;
-    for (const auto& entry : data().*map) found += entry.first.text.compare(0, length, key) == 0;
+    for (const BoardMap* map : {&data().getters, &data().subscribers})
+      for (const auto& entry : *map) found += entry.first.text.rfind(prefix, 0) == 0;
     return found;
   }
 };

@@ -19,10 +19,7 @@ class Logger {};
 namespace vantor::model {
 namespace {
 
-using messaging::BoardTestPeer;
-using messaging::Contract;
-using messaging::CyberSecurityContract;
-using messaging::TestContract;
+using namespace messaging;  // NOLINT(google-build-using-namespace): the library under test
 using OptionalToken = CyberSecurityContract::OptionalToken;
 using Listener = std::function<void(bool)>;
 
@@ -41,8 +38,7 @@ Logger theLogger;
 // A token as the model writes it: none, or the byte all 32 equal (999 if they differ).
 std::optional<int> code(const OptionalToken& token) {
   if (!token) return std::nullopt;
-  const bool even = std::all_of(token->begin(), token->end(), [&](unsigned char b) { return b == token->front(); });
-  return even ? token->front() : 999;
+  return std::count(token->begin(), token->end(), token->front()) == 32 ? token->front() : 999;
 }
 
 class Driver {
@@ -50,7 +46,7 @@ class Driver {
   // The first run in a process starts from the contract's defaults, and checks them first: it calls
   // both hooks before any is set, and walks the default ports to two of their listeners. Later runs
   // start from the same state, put back.
-  Driver(const std::uint8_t* data, std::size_t size) : bytes_(data, data + size) {
+  explicit Driver(const std::string& bytes) : bytes_(bytes.begin(), bytes.end()) {
     { TestContract sweep("CyberSecurity:IP:"); }  // its purge removes every address and pair topic
     static bool first = true;
     if (std::exchange(first, false)) {
@@ -65,7 +61,6 @@ class Driver {
 
   std::string run() {
     while (pos_ < bytes_.size() && failure_.empty()) {
-      ++steps_;
       if (operation() && failure_.empty()) step("emit after a failure", [](auto& api) { api.emit(0); });
     }
     return failure_;
@@ -128,9 +123,7 @@ class Driver {
     cs_.updateSecurityToken(token ? OptionalToken(bytes) : boost::none);
   }
   std::optional<int> securityToken() { return code(cs_.getSecurityToken()); }
-  void updateIpAllPortsAllowed(const std::string& address, bool allowed) {
-    cs_.updateIpAllPortsAllowed(address, allowed);
-  }
+  void updateIpAllPortsAllowed(const std::string& address, bool on) { cs_.updateIpAllPortsAllowed(address, on); }
   bool isIpSecured(const std::string& address) { return cs_.isIpSecured(address); }
   void setPorts(const std::vector<int>& ports) {
     std::vector<int> argument = ports;
@@ -246,20 +239,17 @@ class Driver {
       const Slot& slot = model_.slots[index];
       if (handles_[index].connected() != (!slot.erased && !slot.disconnected) ||
           handles_[index].blocked() != (!slot.erased && model_.blocked(slot)) ||
-          (handles_[index] != handles_[index > 0 ? index - 1 : 0]) != (index > 0)) {
+          (handles_[index] != handles_[index > 0 ? index - 1 : 0]) != (index > 0))
         out << "the handle of slot " << index << " differs; ";
-      }
     }
     if (cs_.isSecured() != model_.secured || securityToken() != model_.token ||
         reader_.get<bool>("Secured").value_or(false) != model_.secured ||
-        code(reader_.get<CyberSecurityContract::Token>("SecurityToken")).value_or(0) != model_.token.value_or(0)) {
+        code(reader_.get<CyberSecurityContract::Token>("SecurityToken")).value_or(0) != model_.token.value_or(0))
       out << "the secured flag or the token differ; ";
-    }
     const auto* raw = reinterpret_cast<const unsigned char*>(&cs_.getSecurityToken());
-    if (!model_.token && std::any_of(raw, raw + sizeof(OptionalToken), [](unsigned char b) { return b != 0; })) {
+    if (!model_.token && std::count(raw, raw + sizeof(OptionalToken), 0) != sizeof(OptionalToken))
       out << "the cleared token's bytes were not wiped; ";
-    }
-    if (out.tellp() > 0) failure_ = "step " + std::to_string(steps_) + " (" + name + "): " + out.str();
+    if (out.tellp() > 0) failure_ = "step " + std::to_string(ids_) + " (" + name + "): " + out.str();
     return want.what != "ok";
   }
 
@@ -294,7 +284,7 @@ class Driver {
 
   std::vector<std::uint8_t> bytes_;
   std::size_t pos_ = 0;
-  int steps_ = 0, ids_ = 0;
+  int ids_ = 0;  // of the operations run: each one's step number, and the id of what it connects
   std::string failure_;
   Model model_;
   CyberSecurityContract& cs_ = CyberSecurityContract::instance();
@@ -309,6 +299,6 @@ class Driver {
 
 }  // namespace
 
-std::string runOperations(const std::uint8_t* data, std::size_t size) { return Driver(data, size).run(); }
+std::string runOperations(const std::string& bytes) { return Driver(bytes).run(); }
 
 }  // namespace vantor::model

@@ -15,8 +15,6 @@
 // Each operation appends the callbacks it makes to `log`, and the model throws Failure exactly where the
 // library throws. runOperations(), at the end, is the driver's entry point.
 
-#include <cstddef>
-#include <cstdint>
 #include <map>
 #include <optional>
 #include <string>
@@ -162,10 +160,9 @@ class Model {
     if (found == board.end() || !found->second.getter || found->second.getter->source == Source::Empty) return nullptr;
     return &*found->second.getter;
   }
-  bool mismatches(const Topic& topic, int how) const {
-    const auto found = board.find(topic.key());
+  bool mismatches(const Topic& topic, int how) const {  // get and subscribe meet a live getter, notify a subscriber
     if (how < 2) return liveGetter(topic.key());
-    return found != board.end() && found->second.sub && found->second.sub->kind != Kind::Empty;
+    return board.count(topic.key()) && board.at(topic.key()).sub && board.at(topic.key()).sub->kind != Kind::Empty;
   }
   bool blocked(const Slot& slot) const { return slot.blocked || slot.blockers > 0; }
 
@@ -190,9 +187,8 @@ class Model {
   int get(const Topic& topic) { return read(topic.key(), "Contract::get").value_or(-1); }  // -1: none
   void mismatch(const Topic& topic, int) { fail("mismatch", topic.key().c_str()); }        // the error names the key
   void recreate(int contract) {
-    for (auto it = board.begin(); it != board.end();) {
+    for (auto it = board.begin(); it != board.end();)
       it = it->first.rfind(kNames[contract], 0) == 0 ? board.erase(it) : std::next(it);
-    }
   }
 
   // ---- the signal ----------------------------------------------------------------------------------
@@ -241,9 +237,7 @@ class Model {
   void rebuildSignal() { disconnectAll(); }  // destroys the signal, whose handles live on, and builds it anew
 
   // ---- the contract --------------------------------------------------------------------------------
-  void updateSecured(bool value) {
-    secured = value, publish("CyberSecurity:Secured", {Source::Secured}, kOperations[0]);
-  }
+  void updateSecured(bool on) { secured = on, publish("CyberSecurity:Secured", {Source::Secured}, kOperations[0]); }
   void updateAboutNewCreds() { notifyKey("CyberSecurity:NewCredentials", 1, kOperations[1]); }
   void updateSecurityToken(std::optional<int> value) {
     token = value, publish("CyberSecurity:SecurityToken", {Source::Token}, kOperations[2]);
@@ -255,9 +249,7 @@ class Model {
     for (const int port : std::vector<int>(ports))
       publish(Topic{-1, "", address, port}.key(), {Source::Fixed, allowed}, operation);
   }
-  bool isIpSecured(const std::string& address) {
-    return !secured || read(kIp + address, "isIpSecured").value_or(0) != 0;
-  }
+  bool isIpSecured(const std::string& ip) { return !secured || read(kIp + ip, "isIpSecured").value_or(0) != 0; }
   void setPorts(const std::vector<int>& list) { ports = list; }
   void setHook(int hook, int kind) { hooks[hook] = kind == 3 ? 1 : kind; }
   void callHook(int hook, const std::string& address, int port, bool flag) {
@@ -323,6 +315,6 @@ class Model {
 // Replays a byte string as a sequence of operations, each on the model and then on the library, and
 // compares them after every step (driver.cpp). Single-threaded; may be called any number of times in one
 // process. Returns the first disagreement, or an empty string when they agreed on every step.
-std::string runOperations(const std::uint8_t* data, std::size_t size);
+std::string runOperations(const std::string& bytes);
 
 }  // namespace vantor::model
