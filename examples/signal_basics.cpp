@@ -38,7 +38,7 @@ class Display {
 
 }  // namespace
 
-int main() {
+int main() try {
   Thermostat thermostat;
   vantor::tessel::Connection logger;
   int logged = 0;
@@ -71,4 +71,7 @@ int main() {
     std::printf("refused: %s\n", error.what());
   }
   return 0;
+} catch (const std::exception& error) {  // any other error
+  std::printf("failed: %s\n", error.what());
+  return 1;
 }
