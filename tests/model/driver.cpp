@@ -229,12 +229,10 @@ class Driver {
     if (got != want.what) out << "threw " << got << ", the model " << want.what << "; ";
     if (log != model_.log) out << "called [" << log << "], the model [" << model_.log << "]; ";
     if (!BoardTestPeer::lockIsFree()) out << "the board lock is held; ";
-    std::map<std::string, std::string> entries, expected;  // key: "g" for a getter, then "s" for a subscriber
-    for (const auto& [key, stored] : BoardTestPeer::data().getters) entries[key.text] += "g";
-    for (const auto& [key, stored] : BoardTestPeer::data().subscribers) entries[key.text] += "s";
+    std::map<std::string, std::string> expected;
     for (const auto& [key, stored] : model_.board)
       expected[key] = std::string(stored.getter ? "g" : "") + (stored.sub ? "s" : "");
-    if (entries != expected) out << "the board's entries differ; ";
+    if (BoardTestPeer::entries() != expected) out << "the board's entries differ; ";
     for (std::size_t index = 0; index < handles_.size(); ++index) {
       const Slot& slot = model_.slots[index];
       if (handles_[index].connected() != (!slot.erased && !slot.disconnected) ||
