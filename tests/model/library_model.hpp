@@ -40,6 +40,8 @@ enum class Source { Logged, Fixed, Empty, Throw, Reenter, Secured, Token };
 // Test contracts whose names are prefixes of each other; "Q:a"'s topic "b" is "Q"'s topic "a:b".
 const std::string kNames[] = {"Q", "Qu", "Q:a"}, kIp = "CyberSecurity:IP:";
 const char* const kBoardLock = "the message board's lock";
+// The contract's own topics, the operations that publish them, and the locks of the signals they feed.
+const std::string kOwnKeys[] = {"CyberSecurity:Secured", "CyberSecurity:NewCredentials", "CyberSecurity:SecurityToken"};
 const char* const kOperations[] = {"updateSecured", "updateAboutNewCreds", "updateSecurityToken"};
 const char* const kSignalLocks[] = {"the secured signal's lock", "the new-credentials signal's lock",
                                     "the security token signal's lock"};
@@ -133,10 +135,8 @@ void actAsSlot(Api& api, int signal, int id, const Slot& slot, int value) {
 
 class Model {
  public:
-  Model() {
-    board["CyberSecurity:Secured"].sub = Sub{0, Kind::Own, {}};  // the getters come with the first update
-    board["CyberSecurity:NewCredentials"].sub = Sub{1, Kind::Own, {}};
-    board["CyberSecurity:SecurityToken"].sub = Sub{2, Kind::Own, {}};
+  Model() {  // the contract's own subscribers; its getters come with the first updates
+    for (int id = 0; id < 3; ++id) board[kOwnKeys[id]].sub = Sub{id, Kind::Own, {}};
   }
 
   struct Entry {
@@ -237,11 +237,9 @@ class Model {
   void rebuildSignal() { disconnectAll(); }  // destroys the signal, whose handles live on, and builds it anew
 
   // ---- the contract --------------------------------------------------------------------------------
-  void updateSecured(bool on) { secured = on, publish("CyberSecurity:Secured", {Source::Secured}, kOperations[0]); }
-  void updateAboutNewCreds() { notifyKey("CyberSecurity:NewCredentials", 1, kOperations[1]); }
-  void updateSecurityToken(std::optional<int> value) {
-    token = value, publish("CyberSecurity:SecurityToken", {Source::Token}, kOperations[2]);
-  }
+  void updateSecured(bool on) { secured = on, publish(kOwnKeys[0], {Source::Secured}, kOperations[0]); }
+  void updateAboutNewCreds() { notifyKey(kOwnKeys[1], 1, kOperations[1]); }
+  void updateSecurityToken(std::optional<int> to) { token = to, publish(kOwnKeys[2], {Source::Token}, kOperations[2]); }
   std::optional<int> securityToken() { return token; }
   void updateIpAllPortsAllowed(const std::string& address, bool allowed) {
     const char* const operation = "updateIpAllPortsAllowed";
