@@ -268,7 +268,8 @@ class Driver {
       if (dynamic_cast<const std::invalid_argument*>(&error)) return says(want.operation) ? "mismatch" : what;
       const auto* system = dynamic_cast<const std::system_error*>(&error);
       const bool deadlock = system && system->code() == std::errc::resource_deadlock_would_occur;
-      const bool told = says(want.operation) && says(want.lock) && (says("already holds") || says("this thread holds"));
+      const bool told =
+          says(want.operation) && says(want.lock) && (says("already holds") || says("while this thread holds"));
       return deadlock && told ? "deadlock" : what;
     }
   }
