@@ -50,6 +50,7 @@ class Driver {
     { TestContract sweep("CyberSecurity:IP:"); }  // its purge removes every address and pair topic
     static bool first = true;
     if (std::exchange(first, false)) {
+      // Call the logger hook, the connection callback; listen to ("a", 17161) and ("a", 17178); allow "a".
       bytes_.insert(bytes_.begin(), {24, 0, 0, 0, 24, 0, 0, 1, 19, 0, 0, 0, 19, 3, 0, 0, 18, 0, 1, 0});
     } else {
       cs_.setTcpPortsVector(std::vector<int>(model_.ports)), cs_.updateSecured(false);
