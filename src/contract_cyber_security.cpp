@@ -70,8 +70,8 @@ CyberSecurityContract::CyberSecurityContract()
 }
 
 // Members go in reverse order (hooks, ports, the token once wiped, then the three signals, which drop
-// their callbacks), then the base purges every "CyberSecurity" key.
-CyberSecurityContract::~CyberSecurityContract() { wipe(securityToken_); }
+// their callbacks), then the base purges every "CyberSecurity" key. No operation runs meanwhile.
+CyberSecurityContract::~CyberSecurityContract() VANTOR_NO_THREAD_SAFETY_ANALYSIS { wipe(securityToken_); }
 
 std::string CyberSecurityContract::topicKey(std::string_view topic) const {
   std::string fullKey = keyWithRoom(topic.size());
@@ -97,10 +97,11 @@ std::string CyberSecurityContract::portKey(const std::string& address, int port)
 
 // The connect operations take a signal's lock, which must never be taken under the board's: from a
 // getter or an initial delivery they are refused at once rather than when a cycle happens to close.
-template <typename Signal, typename Callback>
-tessel::Connection CyberSecurityContract::connectTo(Signal& signal, const Callback& callback, const char* operation) {
+template <typename Signal, typename Callback, typename... Owner>
+tessel::Connection CyberSecurityContract::connectTo(Signal& signal, const Callback& callback, const char* operation,
+                                                    const Owner&... owner) {
   refuseUnderBoardLock(operation, signal.lockName());
-  return signal.connectAs(operation, callback);
+  return signal.connectAs(operation, callback, owner...);
 }
 
 void CyberSecurityContract::connectSecuredSignal(const FlagCallback& callback) {
@@ -127,6 +128,23 @@ tessel::Connection CyberSecurityContract::connectSecurityTokenSignalWithHandle(c
   return connectTo(securityTokenSignal_, callback, "CyberSecurityContract::connectSecurityTokenSignalWithHandle");
 }
 
+tessel::Connection CyberSecurityContract::connectSecuredSignalWithHandle(const FlagCallback& callback,
+                                                                         std::weak_ptr<const void> owner) {
+  return connectTo(securedSignal_, callback, "CyberSecurityContract::connectSecuredSignalWithHandle", owner);
+}
+
+tessel::Connection CyberSecurityContract::connectNewCredentialsSignalWithHandle(const FlagCallback& callback,
+                                                                                std::weak_ptr<const void> owner) {
+  return connectTo(newCredentialsSignal_, callback, "CyberSecurityContract::connectNewCredentialsSignalWithHandle",
+                   owner);
+}
+
+tessel::Connection CyberSecurityContract::connectSecurityTokenSignalWithHandle(const TokenCallback& callback,
+                                                                               std::weak_ptr<const void> owner) {
+  return connectTo(securityTokenSignal_, callback, "CyberSecurityContract::connectSecurityTokenSignalWithHandle",
+                   owner);
+}
+
 void CyberSecurityContract::updateSecured(bool secured) {
   secured_.store(secured, std::memory_order_release);
   publish<bool>(
@@ -138,19 +156,38 @@ void CyberSecurityContract::updateAboutNewCreds() {
 }
 
 void CyberSecurityContract::updateSecurityToken(const OptionalToken& token) {
-  if (token) {
-    securityToken_ = token;  // an engaged token is overwritten in place
-  } else {
-    wipe(securityToken_);  // a reset optional keeps its payload: clear the bytes first
-    securityToken_ = boost::none;
+  {
+    tessel::detail::TrackedLock lock(mutex_, kUpdateSecurityToken);
+    if (token) {
+      securityToken_ = token;  // an engaged token is overwritten in place
+    } else {
+      wipe(securityToken_);  // a reset optional keeps its payload: clear the bytes first
+      securityToken_ = boost::none;
+    }
   }
+  // The getter returns the token's bytes, or 32 zero bytes while it is empty, copied under the lock
+  // straight into the value that the board wipes.
   publish<Token>(
-      topicKey("SecurityToken"), [this] { return securityToken_ ? *securityToken_ : Token{}; }, kUpdateSecurityToken);
+      topicKey("SecurityToken"),
+      [this] {
+        tessel::detail::TrackedLock lock(mutex_, kUpdateSecurityToken);
+        return securityToken_ ? *securityToken_ : Token{};
+      },
+      kUpdateSecurityToken);
 }
 
 bool CyberSecurityContract::isSecured() const { return secured_.load(std::memory_order_acquire); }
 
-const CyberSecurityContract::OptionalToken& CyberSecurityContract::getSecurityToken() const { return securityToken_; }
+// The reference is the host's to read while no update runs: the lock cannot follow it.
+const CyberSecurityContract::OptionalToken& CyberSecurityContract::getSecurityToken() const
+    VANTOR_NO_THREAD_SAFETY_ANALYSIS {
+  return securityToken_;
+}
+
+CyberSecurityContract::OptionalToken CyberSecurityContract::copySecurityToken() const {
+  tessel::detail::TrackedLock lock(mutex_, "CyberSecurityContract::copySecurityToken");
+  return securityToken_;  // built in the caller's object: no copy of the library's is left behind
+}
 
 void CyberSecurityContract::updateIpPortAllowed(const std::string& address, int port, bool allowed) {
   publish<bool>(
@@ -228,10 +265,14 @@ void CyberSecurityContract::registerConnection(const std::string& address, int p
   if (callback) (*callback)(address, port, allowed);
 }
 
-void CyberSecurityContract::setTcpPortsVector(std::vector<int>&& ports) {
-  std::vector<int> replacement(ports.begin(), ports.end());  // copied, not moved: the caller keeps its list
+void CyberSecurityContract::setTcpPortsVector(const std::vector<int>& ports) {
+  std::vector<int> replacement(ports);
   tessel::detail::TrackedLock lock(mutex_, "CyberSecurityContract::setTcpPortsVector");
   tcpPorts_.swap(replacement);
+}
+
+void CyberSecurityContract::setTcpPortsVector(std::vector<int>&& ports) {
+  setTcpPortsVector(static_cast<const std::vector<int>&>(ports));  // copied, not moved: the caller keeps its list
 }
 
 }  // namespace vantor::messaging

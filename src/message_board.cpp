@@ -39,6 +39,18 @@ void throwTypeMismatch(const char* operation, const std::string& key) {
   throw std::invalid_argument(message);
 }
 
+void throwTypeMismatch(const char* operation, const std::string& key, std::string_view held, std::string_view named) {
+  std::string message(operation);
+  message.append(" on \"")
+      .append(key)
+      .append("\": the key holds a value type other than the one named (it holds ")
+      .append(held)
+      .append("; this call names ")
+      .append(named)
+      .append(")");
+  throw std::invalid_argument(message);
+}
+
 }  // namespace detail
 
 namespace {

@@ -2,11 +2,20 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "test_support.hpp"
 
 namespace vantor::messaging {
 
 constexpr int kRounds = 2000;  // of each thread's loop in every race
+
+// Only emit() reaches a signal's walk, with the signal's lock held.
+template <typename S, typename = void>
+struct CanDeliver : std::false_type {};
+template <typename S>
+struct CanDeliver<S, std::void_t<decltype(std::declval<S&>().deliver(std::declval<int&>()))>> : std::true_type {};
+static_assert(!CanDeliver<tessel::Signal<int>>::value, "Signal::deliver must not be callable without the lock");
 
 TEST(Board, NewSubscriberGetsTheCurrentValueFirstAndThenMissesNoLaterPublication) {
   TestContract board("Race");
@@ -45,6 +54,29 @@ TEST(Signal, FlagsBlockersAndConnectsFromOtherThreadsWhileOneEmitsLoseNothing) {
   EXPECT_EQ(toggled, toggledBefore) << "a slot disconnected before an emission began is not invoked";
 }
 
+// A component owned by a shared pointer goes away on one thread while another emits into its slot: it
+// is never used after its destruction has begun (ASan and TSan watch the memory), and no slot outlives it.
+TEST(Signal, AnOwnerReleasedOnAnotherThreadIsKeptAliveByARunningCallAndNeverUsedAfterwards) {
+  struct Component {
+    std::atomic<bool> alive{true};
+    ~Component() { alive = false; }
+  };
+  tessel::Signal<int> signal;
+  std::atomic<int> usedAfterDestruction{0};
+  runTogether(2, [&](std::size_t index) {
+    for (int round = 0; round < kRounds; ++round) {
+      if (index == 0) signal.emit(round);
+      if (index == 1) {
+        auto component = std::make_shared<Component>();
+        signal.connect([raw = component.get(), &usedAfterDestruction](int) { usedAfterDestruction += !raw->alive; },
+                       component);
+      }  // the test's only reference goes here, maybe while the slot runs
+    }
+  });
+  EXPECT_EQ(usedAfterDestruction, 0);
+  EXPECT_TRUE(signal.empty()) << "every owner is gone, so every slot counts as disconnected";
+}
+
 // Also heavy contention without a lock cycle, which must raise nothing: the secured signal's slot reads
 // the board (signal before board, the one permitted nesting) while other threads hold either lock.
 TEST(CyberSecurityContract, OperationsFromFiveHostThreadsAtOnceLoseNoCallAndRaiseNothing) {
@@ -70,6 +102,28 @@ TEST(CyberSecurityContract, OperationsFromFiveHostThreadsAtOnceLoseNoCallAndRais
     EXPECT_EQ(*calls, kRounds);
   for (int port : {1, 2}) contract.unsubscribeFromIpPortAllowed(address, port);  // the listeners count into this frame
   contract.setRegisterConnectionCallback({});
+}
+
+// Two threads rotate the token (each writes tokens of one repeated byte) while two copy it: no copy and
+// no delivery ever mixes two tokens.
+TEST(CyberSecurityContract, TokenRotationsAndCopiesOnFourThreadsNeverTearAToken) {
+  CyberSecurityContract& contract = CyberSecurityContract::instance();
+  std::atomic<int> torn{0}, delivered{0};
+  const auto check = [&torn](const CyberSecurityContract::OptionalToken& token) {
+    torn += token && std::count(token->begin(), token->end(), token->front()) != 32;
+  };
+  tessel::ScopedConnection watch = contract.connectSecurityTokenSignalWithHandle(
+      [&](CyberSecurityContract::OptionalToken token) { check(token), ++delivered; });
+  runTogether(4, [&](std::size_t index) {
+    for (int round = 0; round < kRounds; ++round) {
+      CyberSecurityContract::Token token;
+      token.fill(static_cast<unsigned char>(index * 100 + round % 100));
+      if (index < 2) contract.updateSecurityToken(token);
+      if (index >= 2) check(contract.copySecurityToken());
+    }
+  });
+  EXPECT_EQ(torn, 0);
+  EXPECT_EQ(delivered, 2 * kRounds);
 }
 
 }  // namespace vantor::messaging

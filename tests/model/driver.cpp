@@ -4,6 +4,7 @@
 // handles and the contract's state.
 
 #include <algorithm>
+#include <array>
 #include <functional>
 #include <memory>
 #include <sstream>
@@ -31,7 +32,8 @@ const std::vector<int> kPortLists[] = {{}, {17161}, {17161, 17161}, {-1, 17178, 
 const Source kSources[] = {Source::Empty, Source::Throw, Source::Reenter, Source::Logged};
 const Kind kSubscribers[] = {Kind::Record,   Kind::Record,  Kind::Empty, Kind::Throw,    Kind::Republish,
                              Kind::Withdraw, Kind::Replace, Kind::Query, Kind::SetPorts, Kind::Connect};
-const Kind kSlots[] = {Kind::Record, Kind::Record, Kind::Empty, Kind::Throw, Kind::Reenter, Kind::Flag, Kind::Query};
+const Kind kSlots[] = {Kind::Record,  Kind::Record, Kind::Empty, Kind::Throw,
+                       Kind::Reenter, Kind::Flag,   Kind::Query, Kind::Release};
 const Kind kContractSlots[] = {Kind::Record, Kind::Throw, Kind::Reenter, Kind::Query, Kind::Flag};
 Logger theLogger;
 
@@ -70,9 +72,18 @@ class Driver {
   // ---- the library, under the model's names (library_model.hpp lists them) -------------------------
   std::string log;
   bool underBoardLock() { return BoardTestPeer::heldByThisThread(); }
+  // Values with bit 3 set reach the board as callables other than a std::function, through publish(): a
+  // null pointer to a function for an empty getter, and one too large for the stored form's own buffer.
   void update(const Topic& topic, Getter getter) {
     if (topic.pair()) return cs_.updateIpPortAllowed(topic.address, topic.port, getter.value != 0);
-    contract(topic).update<int>(topic.topic, libraryGetter(getter));
+    TestContract& owner = contract(topic);
+    if ((getter.value & 8) == 0) return owner.update<int>(topic.topic, libraryGetter(getter));
+    if (getter.source == Source::Empty)
+      return owner.publish<int>(owner.key(topic.topic), static_cast<int (*)()>(nullptr), "Contract::update");
+    const std::array<int, 16> large{};
+    owner.publish<int>(
+        owner.key(topic.topic), [this, getter, large] { return produce(*this, getter) + large[0]; },
+        "Contract::update");
   }
   void notify(const Topic& topic, int value) { contract(topic).notify<int>(topic.topic, value); }
   void subscribe(const Sub& sub) {
@@ -91,14 +102,32 @@ class Driver {
     if (how == 0) contract(topic).get<bool>(topic.topic);
     if (how == 1) contract(topic).subscribe<bool>(topic.topic, [](const bool&) {});
     if (how == 2) contract(topic).notify<bool>(topic.topic, true);
+    if (how == 3) contract(topic).update<bool>(topic.topic, [] { return true; });
   }
   void recreate(int index) { contracts_[index] = std::make_unique<TestContract>(kNames[index]); }
 
   void connect(const Slot& slot) {
-    const auto act = [this, index = static_cast<int>(handles_.size()), slot](int v) {
+    const int index = static_cast<int>(handles_.size());
+    if (slot.owner == static_cast<int>(owners_.size())) owners_.push_back(std::make_shared<int>());
+    // A tracked slot's owner lives until its call returns, also when the call releases the test's reference.
+    const auto act = [this, index, slot, owner = slot.owner < 0 ? std::weak_ptr<int>() : owners_[slot.owner]](int v) {
       actAsSlot(*this, -1, index, slot, v);
+      if (slot.owner >= 0 && owner.expired()) log += "its owner died while it ran ";
     };
-    handles_.push_back(signal_->connect(slot.kind == Kind::Empty ? nullptr : tessel::Signal<int>::Callback(act)));
+    const tessel::Signal<int>::Callback plain = act;
+    const tessel::Signal<int>::ExtendedCallback self = [this, index, act](const tessel::Connection& own, int v) {
+      if (own != handles_[index]) log += "handed another slot's connection ";
+      act(v);
+    };
+    const bool none = slot.kind == Kind::Empty;
+    const auto connectWith = [&](const auto&... owner) {
+      return slot.extended ? signal_->connectExtended(none ? nullptr : self, owner...)
+                           : signal_->connect(none ? nullptr : plain, owner...);
+    };
+    handles_.push_back(slot.owner < 0 ? connectWith() : connectWith(owners_[slot.owner]));
+  }
+  void releaseOwner(int index) {
+    if (index < static_cast<int>(owners_.size())) owners_[index].reset();
   }
   void emit(int value) { signal_->emit(value); }
   void setFlag(int index, int action) {
@@ -151,14 +180,18 @@ class Driver {
   }
 
  private:
-  // A host hook that records its calls, throws (kind 2), or whose copy constructor calls the contract
-  // (kind 3), which must never copy a hook while it holds a lock of its own.
+  // A host hook that records its calls, throws (kind 2), or whose copy constructor and destructor call
+  // the contract (kind 3), which must never copy or destroy a hook while it holds a lock of its own.
   struct Hook {
     Driver* driver;
     int kind;
     Hook(Driver* to, int as) : driver(to), kind(as) {}
     Hook(const Hook& other) : Hook(other.driver, other.kind) {
-      if (kind == 3) driver->cs_.setTcpPortsVector(std::vector<int>(driver->model_.ports));
+      if (kind == 3) driver->cs_.setTcpPortsVector(driver->model_.ports);
+    }
+    Hook& operator=(const Hook&) = delete;
+    ~Hook() {
+      if (kind == 3) driver->cs_.setTcpPortsVector(driver->model_.ports);
     }
     Logger& operator()() const {
       if (kind == 2) fail("thrown");
@@ -172,8 +205,12 @@ class Driver {
 
   // Runs the next operation; true when it raised.
   bool operation() {
-    const int op = next() % 27, x = next(), y = next(), z = next(), id = ++ids_;
+    const int op = next() % 28, x = next(), y = next(), z = next(), id = ++ids_;
     const int handles = static_cast<int>(handles_.size()), blockers = static_cast<int>(blockers_.size());
+    const int owners = static_cast<int>(owners_.size()), ownerPick = z / 48 % 3;  // none, a new one, an old one
+    const int owner = ownerPick == 1 ? owners : ownerPick == 2 && owners ? z % owners : -1;
+    const bool extended = z / 24 % 2;
+    const Kind slotKind = kSlots[y % 8];
     const std::string& address = kAddresses[x % 3];
     const Topic topic{x % 3, kTopics[x / 3 % 3]}, pair{-1, "", address, kPorts[x / 3 % 3]};
     const Kind subscriber = kSubscribers[y % 10];
@@ -184,10 +221,12 @@ class Driver {
       case 2: return step("subscribe", [&](auto& api) { api.subscribe({id, subscriber, topic}); });
       case 3: return step("unsubscribe", [&](auto& api) { api.unsubscribe(topic); });
       case 4: return step("get", [&](auto& api) { api.log += entry('v', 0, api.get(topic)); });
-      case 5:
-        return model_.mismatches(topic, y % 3) && step("mismatch", [&](auto& api) { api.mismatch(topic, y % 3); });
+      case 5: return model_.mismatches(topic) && step("mismatch", [&](auto& api) { api.mismatch(topic, y % 4); });
       case 6: return step("destroy and recreate", [&](auto& api) { api.recreate(topic.contract); });
-      case 7: return step("connect", [&](auto& api) { api.connect({kSlots[y % 7], z / 3 % 8, z % 3}); });
+      case 7:
+        return step("connect", [&](auto& api) {
+          api.connect({slotKind, extended && slotKind == Kind::Flag ? handles : z / 3 % 8, z % 3, owner, extended});
+        });
       case 8: return step("emit", [&](auto& api) { api.emit(y); });
       case 9: return handles && step("flag", [&](auto& api) { api.setFlag(y % handles, z % 3); });
       case 10: return handles && step("block for a scope", [&](auto& api) { api.pushBlocker(y % handles); });
@@ -208,6 +247,7 @@ class Driver {
       case 23: return step("set a host hook", [&](auto& api) { api.setHook(z % 2, y % 4); });
       case 24: return step("call a host hook", [&](auto& api) { api.callHook(z % 2, address, pair.port, y % 2); });
       case 25: return step("destroy and rebuild the signal", [&](auto& api) { api.rebuildSignal(); });
+      case 26: return owners && step("release an owner", [&](auto& api) { api.releaseOwner(y % owners); });
       default:  // at most four slots per contract signal
         return model_.contractSlots[y % 3].size() < 4 && step("connect to the contract", [&](auto& api) {
                  api.connectContract(y % 3, id, {kContractSlots[z % 5], z / 5 % 8, z / 40 % 3});
@@ -234,9 +274,13 @@ class Driver {
     for (const auto& [key, stored] : model_.board)
       expected[key] = std::string(stored.getter ? "g" : "") + (stored.sub ? "s" : "");
     if (BoardTestPeer::entries() != expected) out << "the board's entries differ; ";
+    const auto live =
+        std::count_if(model_.slots.begin(), model_.slots.end(), [&](auto& s) { return model_.connected(s); });
+    if (signal_->slotCount() != static_cast<std::size_t>(live) || signal_->empty() != (live == 0))
+      out << "the signal counts " << signal_->slotCount() << " slots, the model " << live << "; ";
     for (std::size_t index = 0; index < handles_.size(); ++index) {
       const Slot& slot = model_.slots[index];
-      if (handles_[index].connected() != (!slot.erased && !slot.disconnected) ||
+      if (handles_[index].connected() != model_.connected(slot) ||
           handles_[index].blocked() != (!slot.erased && model_.blocked(slot)) ||
           (handles_[index] != handles_[index > 0 ? index - 1 : 0]) != (index > 0))
         out << "the handle of slot " << index << " differs; ";
@@ -292,6 +336,7 @@ class Driver {
   std::unique_ptr<TestContract> contracts_[3];
   std::optional<tessel::Signal<int>> signal_{std::in_place};
   std::vector<tessel::Connection> handles_;
+  std::vector<std::shared_ptr<int>> owners_;
   std::vector<std::unique_ptr<tessel::ConnectionBlocker>> blockers_;
   tessel::ScopedConnection scoped_;
   std::vector<tessel::ScopedConnection> owned_;

@@ -4,10 +4,11 @@
 // written once for both sides: a delivery of the model runs them on the model, one of the library
 // (driver.cpp) on the library. Both sides offer the same operations, under the same names:
 //   the board        update, notify, subscribe, unsubscribe, get (-1: none) of a Topic (a pair's update is
-//                    updateIpPortAllowed), mismatch (names bool for an int key: get, subscribe or notify),
-//                    recreate (destroys a test contract and builds it anew);
-//   the signal       connect, emit, setFlag (disconnect, block, unblock), pushBlocker, popBlocker,
-//                    assignScoped (-1 releases), disconnectAll, rebuildSignal;
+//                    updateIpPortAllowed), mismatch (names bool for an int key: get, subscribe, notify or
+//                    update), recreate (destroys a test contract and builds it anew);
+//   the signal       connect (tracked by an owner, extended), emit, setFlag (disconnect, block, unblock),
+//                    pushBlocker, popBlocker, assignScoped (-1 releases), disconnectAll, rebuildSignal,
+//                    releaseOwner (drops the test's reference to a tracked slot's owner);
 //   the contract     updateSecured, updateAboutNewCreds, updateSecurityToken and securityToken (all 32
 //                    bytes equal the int), updateIpAllPortsAllowed, isIpSecured, setPorts, connectContract,
 //                    setHook and callHook (hook 0 is the user-activity logger, 1 the connection callback;
@@ -30,9 +31,25 @@ namespace vantor::model {
 //   Query      logs get() of its own key, or isIpSecured() of its address for a pair
 //   SetPorts   sets the contract's ports to {-1, 17161};   Connect  connects to the secured signal
 //   Reenter    calls its own signal, or publishes the contract topic that feeds its own signal
-//   Flag       disconnects (action 0), blocks (1) or unblocks (2) slot `target` of its signal
+//   Flag       disconnects (action 0), blocks (1) or unblocks (2) slot `target` of its signal (an extended
+//              slot's target is itself, reached through the connection it is handed)
+//   Release    releases owner `target`, from inside the emission
 //   Own        the contract's own subscriber: emits on contract signal `id`
-enum class Kind { Record, Empty, Throw, Republish, Withdraw, Replace, Query, SetPorts, Connect, Reenter, Flag, Own };
+enum class Kind {
+  Record,
+  Empty,
+  Throw,
+  Republish,
+  Withdraw,
+  Replace,
+  Query,
+  SetPorts,
+  Connect,
+  Reenter,
+  Flag,
+  Own,
+  Release
+};
 // What a getter returns: a logged or a silent fixed value, nothing, an exception, a re-entry into the
 // board, or the contract's live secured flag or token.
 enum class Source { Logged, Fixed, Empty, Throw, Reenter, Secured, Token };
@@ -67,8 +84,8 @@ struct Sub {
 };
 struct Slot {
   Kind kind;
-  int target = 0, action = 0;
-  bool blocked = false, disconnected = false, erased = false;
+  int target = 0, action = 0, owner = -1;  // owner: the index of the owner tracking it, or -1
+  bool extended = false, blocked = false, disconnected = false, erased = false;
   int blockers = 0;
 };
 struct Failure {
@@ -124,6 +141,7 @@ void actAsSlot(Api& api, int signal, int id, const Slot& slot, int value) {
   if (slot.kind == Kind::Throw) fail("thrown");
   if (slot.kind == Kind::Flag) api.setFlag(slot.target, slot.action);
   if (slot.kind == Kind::Query) api.log += entry('q', id, api.isIpSecured("a"));
+  if (slot.kind == Kind::Release) api.releaseOwner(slot.target);
   if (slot.kind != Kind::Reenter) return;
   if (signal < 0 && slot.action == 0) api.emit(value);
   if (signal < 0 && slot.action == 1) api.connect({Kind::Empty});
@@ -150,7 +168,8 @@ class Model {
   std::vector<int> ports{17161, 17168, 17171, 17172, 17175, 17176, 17178};
   std::vector<std::pair<int, Slot>> contractSlots[3];  // id and slot
   int hooks[2] = {0, 0};                               // none, recorder or thrower
-  std::vector<Slot> slots;  // every slot ever connected to the signal, by handle index: in connection order
+  std::vector<Slot> slots;   // every slot ever connected to the signal, by handle index: in connection order
+  std::vector<bool> owners;  // whether each owner that tracked slots were connected with is still alive
   std::vector<std::pair<int, bool>> blockers;  // slot, and whether it counted
   int scoped = -1;
 
@@ -160,11 +179,11 @@ class Model {
     if (found == board.end() || !found->second.getter || found->second.getter->source == Source::Empty) return nullptr;
     return &*found->second.getter;
   }
-  bool mismatches(const Topic& topic, int how) const {  // get and subscribe meet a live getter, notify a subscriber
-    if (how < 2) return liveGetter(topic.key());
-    return board.count(topic.key()) && board.at(topic.key()).sub && board.at(topic.key()).sub->kind != Kind::Empty;
-  }
+  bool mismatches(const Topic& topic) const { return board.count(topic.key()); }  // any entry fixes the type
   bool blocked(const Slot& slot) const { return slot.blocked || slot.blockers > 0; }
+  // Disconnected, or tracked by an owner that has expired: never called again, erased by the next walk.
+  bool gone(const Slot& slot) const { return slot.disconnected || (slot.owner >= 0 && !owners[slot.owner]); }
+  bool connected(const Slot& slot) const { return !slot.erased && !gone(slot); }
 
   // ---- the board -----------------------------------------------------------------------------------
   bool underBoardLock() { return boardHeld_ > 0; }
@@ -193,18 +212,20 @@ class Model {
 
   // ---- the signal ----------------------------------------------------------------------------------
   void connect(const Slot& slot) {
+    if (slot.owner == static_cast<int>(owners.size())) owners.push_back(true);  // made before connecting
     lockSignal("Signal::connect");
-    for (Slot& old : slots) old.erased |= old.disconnected;
+    for (Slot& old : slots) old.erased |= gone(old);
     slots.push_back(slot);
   }
-  // The pending-slot walk: a live slot runs only once the next live one has been judged.
+  // The pending-slot walk: a live slot runs only once the next live one has been judged, and then only
+  // if it has not gone meanwhile.
   void emit(int value) {
     lockSignal("Signal::emit");
     Held held(emitting_);
     int pending = -1;
     for (int index = 0; index < static_cast<int>(slots.size()); ++index) {
       Slot& slot = slots[index];
-      slot.erased |= slot.disconnected;  // the walk erases the disconnected slots it passes
+      slot.erased |= gone(slot);  // the walk erases the slots it passes that are gone
       if (slot.erased || blocked(slot)) continue;
       if (pending >= 0) invoke(pending, value);
       pending = index;
@@ -235,6 +256,9 @@ class Model {
     for (Slot& slot : slots) slot.erased = true;
   }
   void rebuildSignal() { disconnectAll(); }  // destroys the signal, whose handles live on, and builds it anew
+  void releaseOwner(int index) {
+    if (index < static_cast<int>(owners.size())) owners[index] = false;
+  }
 
   // ---- the contract --------------------------------------------------------------------------------
   void updateSecured(bool on) { secured = on, publish(kOwnKeys[0], {Source::Secured}, kOperations[0]); }
@@ -303,6 +327,7 @@ class Model {
     for (const auto& [id, slot] : std::vector(contractSlots[sub.id])) actAsSlot(*this, sub.id, id, slot, value);
   }
   void invoke(int index, int value) {
+    if (gone(slots[index])) return;
     if (slots[index].kind == Kind::Empty) fail("empty");
     actAsSlot(*this, -1, index, Slot(slots[index]), value);
   }

@@ -28,13 +28,26 @@
 ///    order other than that of the getter stores. A subscriber that always republishes its own key
 ///    recurses without end.
 ///
-/// Value types: each key has one value type T, fixed by its owner. An operation that names another T
-/// than the one its key's entry was stored with throws std::invalid_argument naming the key. Types are
-/// told apart without RTTI, so hosts built with `-fno-rtti` behave alike.
+/// Value types: each key has one value type T, fixed by the first entry stored under it. An operation
+/// that names a type other than that of an entry the key holds (its getter or its subscriber, empty or
+/// not) throws std::invalid_argument naming the key and both types, before it changes or calls
+/// anything. Which types are recognised as one:
+///  - within one module, every type is recognised by identity;
+///  - across modules (an executable and its plugins, built with g++ or clang++ against libstdc++), a
+///    type is recognised when both modules were built with RTTI: by its mangled name, which both
+///    compilers write alike (so `bool`, `unsigned long`, `std::string`, host structs and containers of
+///    them all cross), except a type unique to its translation unit (in an unnamed namespace, or local
+///    to a function with internal linkage), which is recognised only within that translation unit;
+///  - a module built with `-fno-rtti` recognises, across modules, only type keys that the dynamic
+///    linker unified into one object (default visibility, no RTLD_LOCAL); any other is refused.
+/// A refusal is always safe. What no check can see is the same qualified name defined differently in
+/// two modules (an ODR violation): it is taken for one type.
 ///
 /// Lifetime: a contract must outlive every operation on its keys. Its destructor, when purgeOnDestroy
 /// is set, erases every board entry whose key begins with the contract's name (a bare prefix test: a
-/// contract named "Cyber" also erases the entries of "CyberSecurity").
+/// contract named "Cyber" also erases the entries of "CyberSecurity"). Two contracts constructed with
+/// the same name share their keys: each replaces the other's getters and subscribers, and the first one
+/// destroyed purges the other's entries too. Give each contract a name of its own.
 
 #include <array>
 #include <cstddef>
@@ -58,11 +71,24 @@ namespace vantor::messaging {
 
 namespace detail {
 
-// Raises the type-mismatch error for `key`.
+// Raise the type-mismatch error for `key` (the first form, without the types, serves modules built
+// with the 13.0 headers).
 [[noreturn]] VANTOR_MESSAGE_BOARD_API void throwTypeMismatch(const char* operation, const std::string& key);
+[[noreturn]] VANTOR_MESSAGE_BOARD_API void throwTypeMismatch(const char* operation, const std::string& key,
+                                                             std::string_view held, std::string_view named);
 
 inline void checkType(const StoredFunction& entry, const TypeKey& named, const char* operation, const BoardKey& key) {
-  if (!sameType(entry.type(), named)) throwTypeMismatch(operation, key.text);
+  if (!sameType(entry.type(), named)) throwTypeMismatch(operation, key.text, spelling(entry.type()), spelling(named));
+}
+
+// Checks the entry of `entries` under `key`, if any, against T; returns it or entries.end(). A key's
+// entries always share one type (every operation that stores one checks the other first), so an entry
+// found in one map vouches for the other.
+template <typename T>
+BoardMap::iterator checkedEntry(BoardMap& entries, const BoardKey& key, const char* operation) {
+  const auto found = entries.find(key);
+  if (found != entries.end()) checkType(found->second, typeKeyOf<T>, operation, key);
+  return found;
 }
 
 // Byte arrays are the board's secrets (a security token): they are wiped rather than just released.
@@ -125,7 +151,8 @@ class VANTOR_MESSAGE_BOARD_API Contract {
   /// after the lock is released, on this thread. Every call delivers, also an unchanged value.
   /// @throws std::bad_function_call for an empty getter (after storing it) or an empty subscriber
   ///         (after releasing the lock; the getter stays stored).
-  /// @throws std::invalid_argument when the key's subscriber was stored for another value type.
+  /// @throws std::invalid_argument when the key's getter or subscriber was stored for another value
+  ///         type; nothing changes.
   /// @throws std::system_error (resource_deadlock_would_occur) when called under the board lock (from
   ///         a getter or an initial delivery) or when waiting would close a lock cycle; nothing changes.
   /// @throws std::bad_alloc on allocation failure. What the getter or subscriber throws passes through.
@@ -137,7 +164,7 @@ class VANTOR_MESSAGE_BOARD_API Contract {
   /// Hands `value` to a copy of the key's subscriber, if any, after releasing the lock, on this thread.
   /// Stores no getter, so a later subscribe or get does not see the value.
   /// @throws std::bad_function_call for an empty subscriber.
-  /// @throws std::invalid_argument when the key's subscriber was stored for another value type.
+  /// @throws std::invalid_argument when the key's getter or subscriber was stored for another value type.
   /// @throws std::system_error (resource_deadlock_would_occur) as update() does.
   /// @throws std::bad_alloc on allocation failure. What the subscriber throws passes through.
   template <typename T>
@@ -151,7 +178,8 @@ class VANTOR_MESSAGE_BOARD_API Contract {
   /// @throws std::bad_function_call when `subscriber` is empty and the key has a non-empty getter.
   ///         Then, and when the getter or the initial delivery throws (which passes through), nothing
   ///         is stored and the previous subscriber stays.
-  /// @throws std::invalid_argument when the key's getter was stored for another value type.
+  /// @throws std::invalid_argument when the key's getter or subscriber was stored for another value
+  ///         type; nothing is called or changed.
   /// @throws std::system_error (resource_deadlock_would_occur) as update() does.
   /// @throws std::bad_alloc on allocation failure.
   template <typename T>
@@ -167,7 +195,7 @@ class VANTOR_MESSAGE_BOARD_API Contract {
 
   /// The value read through the key's getter (called once, under the lock), or none when the key has
   /// no getter or an empty one. Never calls a subscriber and never creates an entry.
-  /// @throws std::invalid_argument when the key's getter was stored for another value type.
+  /// @throws std::invalid_argument when the key's getter or subscriber was stored for another value type.
   /// @throws std::system_error (resource_deadlock_would_occur) as update() does.
   /// @throws std::bad_alloc on allocation failure. What the getter throws passes through.
   template <typename T>
@@ -175,8 +203,10 @@ class VANTOR_MESSAGE_BOARD_API Contract {
     return read<T>(key(topic), "Contract::get");
   }
 
+  /// @cond INTERNAL
   // ---- the same operations on a full key that the caller has built, with errors naming `operation`
-  // (a string literal): for derived contracts whose public operations build their keys in one step.
+  // (a string literal): for the library's own contract, whose public operations build their keys in one
+  // step. A host's contract has no need of them; the operations above are its interface.
 
   /// For derived contracts whose `operation` is about to take `lockName`, a lock that must never be
   /// taken under the board's (a signal's): refuses when the calling thread holds the board's lock.
@@ -203,19 +233,10 @@ class VANTOR_MESSAGE_BOARD_API Contract {
   /// get() on the full key `fullKey`; errors name `operation`. Throws what get() throws.
   template <typename T>
   boost::optional<T> read(std::string fullKey, const char* operation);
+  /// @endcond
 
  private:
   BoardData& data() const { return *board_.data_; }
-
-  // A copy of the key's subscriber, taken under the board lock, or none.
-  template <typename T>
-  static boost::optional<detail::StoredFunction> copySubscriber(BoardData& board, const BoardKey& key,
-                                                                const char* operation) VANTOR_REQUIRES(board.mutex) {
-    const auto found = board.subscribers.find(key);
-    if (found == board.subscribers.end()) return boost::none;
-    detail::checkType(found->second, detail::typeKeyOf<T>, operation, key);
-    return found->second;
-  }
 
   MessageBoard& board_;
   std::string name_;
@@ -231,12 +252,19 @@ void Contract::publish(std::string fullKey, const G& getter, const char* operati
   detail::StoredFunction stored = detail::StoredFunction::getter<T>(getter);
   BoardData& board = data();
   tessel::detail::TrackedLock lock(board.mutex, operation, key.text);
+  // Both types are checked before the getter is stored: a key never holds entries of two types.
+  const auto subscriber = detail::checkedEntry<T>(board.subscribers, key, operation);
   const auto [entry, inserted] = board.getters.try_emplace(std::move(key), std::move(stored));
-  if (!inserted) entry->second = std::move(stored);  // the previous getter is destroyed here, under the lock
-  const detail::Wiped<T> value{getter()};            // std::bad_function_call for an empty getter, which stays stored
-  const auto delivery = copySubscriber<T>(board, entry->first, operation);
+  if (!inserted) {
+    detail::checkType(entry->second, detail::typeKeyOf<T>, operation, entry->first);
+    entry->second = std::move(stored);  // the previous getter is destroyed here, under the lock
+  }
+  // std::bad_function_call for an empty getter, which stays stored
+  const detail::Wiped<T> value{detail::invokeOrThrow(getter)};
+  if (subscriber == board.subscribers.end()) return;
+  const detail::StoredFunction delivery = subscriber->second;
   lock.unlock();
-  if (delivery) delivery->template deliver<T>(value.value);  // std::bad_function_call for an empty subscriber
+  delivery.template deliver<T>(value.value);  // std::bad_function_call for an empty subscriber
 }
 
 template <typename T>
@@ -244,9 +272,14 @@ void Contract::notifyKey(std::string fullKey, const T& value, const char* operat
   const BoardKey key(std::move(fullKey));
   BoardData& board = data();
   tessel::detail::TrackedLock lock(board.mutex, operation, key.text);
-  const auto delivery = copySubscriber<T>(board, key, operation);
+  const auto subscriber = detail::checkedEntry<T>(board.subscribers, key, operation);
+  if (subscriber == board.subscribers.end()) {
+    detail::checkedEntry<T>(board.getters, key, operation);
+    return;
+  }
+  const detail::StoredFunction delivery = subscriber->second;
   lock.unlock();
-  if (delivery) delivery->template deliver<T>(value);
+  delivery.template deliver<T>(value);
 }
 
 template <typename T, typename S>
@@ -255,16 +288,17 @@ void Contract::subscribeKey(std::string fullKey, const S& subscriber, const char
   detail::StoredFunction stored = detail::StoredFunction::subscriber<T>(subscriber);
   BoardData& board = data();
   tessel::detail::TrackedLock lock(board.mutex, operation, key.text);
-  const auto found = board.getters.find(key);
-  if (found != board.getters.end()) {
-    detail::checkType(found->second, detail::typeKeyOf<T>, operation, key);
-    if (!found->second.empty()) {
-      const detail::Wiped<T> value{found->second.template get<T>()};
-      subscriber(value.value);  // the initial delivery; nothing is stored if it throws
-    }
+  const auto getter = detail::checkedEntry<T>(board.getters, key, operation);
+  const auto previous = detail::checkedEntry<T>(board.subscribers, key, operation);
+  if (getter != board.getters.end() && !getter->second.empty()) {
+    const detail::Wiped<T> value{getter->second.template get<T>()};
+    detail::invokeOrThrow(subscriber, value.value);  // the initial delivery; nothing is stored if it throws
   }
-  const auto [entry, inserted] = board.subscribers.try_emplace(std::move(key), std::move(stored));
-  if (!inserted) entry->second = std::move(stored);
+  if (previous != board.subscribers.end()) {
+    previous->second = std::move(stored);  // the previous subscriber is destroyed here, under the lock
+  } else {
+    board.subscribers.emplace(std::move(key), std::move(stored));
+  }
 }
 
 template <typename T>
@@ -272,11 +306,13 @@ boost::optional<T> Contract::read(std::string fullKey, const char* operation) {
   const BoardKey key(std::move(fullKey));
   BoardData& board = data();
   tessel::detail::TrackedLock lock(board.mutex, operation, key.text);
-  const auto found = board.getters.find(key);
-  if (found == board.getters.end()) return boost::none;
-  detail::checkType(found->second, detail::typeKeyOf<T>, operation, key);
-  if (found->second.empty()) return boost::none;
-  return found->second.template get<T>();
+  const auto getter = detail::checkedEntry<T>(board.getters, key, operation);
+  if (getter == board.getters.end()) {
+    detail::checkedEntry<T>(board.subscribers, key, operation);
+    return boost::none;
+  }
+  if (getter->second.empty()) return boost::none;
+  return getter->second.template get<T>();
 }
 
 }  // namespace vantor::messaging

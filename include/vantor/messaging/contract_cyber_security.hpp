@@ -23,14 +23,14 @@
 /// them.
 ///
 /// Threads: every operation may be called from any thread. Every callback runs synchronously on the
-/// thread of the call that caused it. The secured flag is atomic, and the port list and the two host
-/// hooks sit behind a small lock of the contract's own (mutex_) under which only pointers and the port
-/// list are copied or swapped: no host code (no call, copy or destruction of a host callable) ever runs
-/// under it. So their writers and readers may run at the same time, and a host callable may call any
-/// operation of the contract, even from its copy constructor or destructor. One limit remains:
-/// getSecurityToken() hands out a reference to the token, so updateSecurityToken must not run at the
-/// same time as another updateSecurityToken or as a read through that reference (a copy taken
-/// meanwhile could mix bytes).
+/// thread of the call that caused it. The secured flag is atomic, and the token, the port list and the
+/// two host hooks sit behind a small lock of the contract's own (mutex_) under which only they are
+/// copied, swapped or wiped: no host code (no call, copy or destruction of a host callable) ever runs
+/// under it. So their writers and readers may run at the same time (two threads may rotate the token
+/// while others copy it with copySecurityToken()), and a host callable may call any operation of the
+/// contract, even from its copy constructor or destructor. One limit remains: getSecurityToken() hands
+/// out a reference to the token, which is read without the lock, so a read through it must not overlap
+/// updateSecurityToken (a copy taken meanwhile could mix bytes); copySecurityToken() has no such limit.
 ///
 /// Callbacks connected to the three signals run holding that signal's lock and not the board lock.
 /// Such a callback may call any operation except the one that feeds its own signal and the connect
@@ -47,7 +47,8 @@
 ///
 /// The security token: the contract wipes its copy of the token when it is replaced or cleared and
 /// when the contract is destroyed, and the board wipes the copies it reads through the getter. The
-/// copies handed to token callbacks (by value) belong to the host, which wipes them if it must.
+/// copies handed to token callbacks (by value) and returned by copySecurityToken() belong to the host,
+/// which wipes them if it must.
 ///
 /// Failures: every exception (from a callback, std::bad_function_call for an empty one, allocation or
 /// lock failures) reaches the caller with every lock released. A publication whose callback fails has
@@ -57,8 +58,11 @@
 /// throws is retried by the next call), destroyed at process exit or library unload, before the board;
 /// its destruction removes every board entry whose key starts with "CyberSecurity". No operation may
 /// run once its destruction has begun. Callbacks connected through connect*Signal live as long as the
-/// contract, that is the process; the connect*SignalWithHandle variants hand back a Connection (for
-/// ScopedConnection) with which the host disconnects them earlier.
+/// contract, that is the process; the connect*SignalWithHandle variants hand back a Connection with
+/// which the host disconnects them earlier. A component that may be destroyed on any thread, also while
+/// another publishes, passes itself (a std::shared_ptr or std::weak_ptr) as the owner of its callback:
+/// the callback then never runs after the component's destruction has begun. A ScopedConnection member
+/// is enough only for a component destroyed on the publishing thread or while nothing publishes.
 
 #include <array>
 #include <atomic>
@@ -150,6 +154,22 @@ class VANTOR_MESSAGE_BOARD_API CyberSecurityContract final : public Contract {
   /// connectSecuredSignalWithHandle()). Throws as connectSecuredSignal() does.
   tessel::Connection connectSecurityTokenSignalWithHandle(const TokenCallback& callback);
 
+  /// connectSecuredSignalWithHandle() for a callback tracked by `owner` (a std::shared_ptr or
+  /// std::weak_ptr of any type converts): once the owner has expired, the callback is never called
+  /// again and its Connection reads disconnected; while the callback runs, the owner is kept alive, so
+  /// an owner released on another thread meanwhile is destroyed only after the call returns (on the
+  /// publishing thread, under the signal's lock: its destructor must not publish into this signal).
+  /// This is how a component that may go away on any thread connects. Throws as connectSecuredSignal().
+  tessel::Connection connectSecuredSignalWithHandle(const FlagCallback& callback, std::weak_ptr<const void> owner);
+  /// connectNewCredentialsSignalWithHandle() tracked by `owner`, as connectSecuredSignalWithHandle()
+  /// with an owner. Throws as connectSecuredSignal() does.
+  tessel::Connection connectNewCredentialsSignalWithHandle(const FlagCallback& callback,
+                                                           std::weak_ptr<const void> owner);
+  /// connectSecurityTokenSignalWithHandle() tracked by `owner`, as connectSecuredSignalWithHandle()
+  /// with an owner. Throws as connectSecuredSignal() does.
+  tessel::Connection connectSecurityTokenSignalWithHandle(const TokenCallback& callback,
+                                                          std::weak_ptr<const void> owner);
+
   // ---- security state
 
   /// Stores the flag, then publishes it on "Secured"; returns after the secured signal's callbacks have
@@ -165,15 +185,21 @@ class VANTOR_MESSAGE_BOARD_API CyberSecurityContract final : public Contract {
   void updateAboutNewCreds();
   /// Stores the token (an empty optional clears it; the old bytes are wiped), then publishes its bytes,
   /// or 32 zero bytes when cleared, on "SecurityToken"; returns after the token signal's callbacks have
-  /// run on this thread. Must not overlap another updateSecurityToken() or a read through
+  /// run on this thread. May overlap another updateSecurityToken() and copySecurityToken() on other
+  /// threads (the token is stored under the contract's lock), but not a read through
   /// getSecurityToken(). Throws as updateSecured() does, for the token signal.
   void updateSecurityToken(const OptionalToken& token);
 
   /// The flag last stored by updateSecured(); false at first. Atomic, takes no lock, never throws.
   bool isSecured() const;
   /// The current token, empty at first and after a clear. The reference stays valid and shows later
-  /// changes; it must not be read while updateSecurityToken() runs. Takes no lock, never throws.
+  /// changes; it is read without a lock, so it must not be read while updateSecurityToken() runs on
+  /// another thread: use copySecurityToken() there. Takes no lock, never throws.
   const OptionalToken& getSecurityToken() const;
+  /// A copy of the current token, taken under the contract's lock, so never torn by an
+  /// updateSecurityToken() on another thread. The copy is the caller's to wipe.
+  /// @throws std::system_error when the lock itself fails, as std::mutex::lock() may.
+  OptionalToken copySecurityToken() const;
 
   // ---- IP and port allowance
 
@@ -224,17 +250,20 @@ class VANTOR_MESSAGE_BOARD_API CyberSecurityContract final : public Contract {
   /// Calls the connection callback once with the same arguments, on this thread and after releasing the
   /// contract's lock, if one is set; otherwise does nothing. What the callback throws passes through.
   void registerConnection(const std::string& address, int port, bool allowed);
-  /// Replaces the port list with copies of the elements of `ports`, which keeps them. A walk of
-  /// updateIpAllPortsAllowed() already running keeps the list it started with.
+  /// Replaces the port list with a copy of `ports`. A walk of updateIpAllPortsAllowed() already
+  /// running keeps the list it started with.
   /// @throws std::bad_alloc when the copy cannot be allocated; the list is unchanged.
+  void setTcpPortsVector(const std::vector<int>& ports);
+  /// The same for a temporary or a moved list: it copies too, so a list passed with std::move keeps
+  /// its elements. Throws as the other form does.
   void setTcpPortsVector(std::vector<int>&& ports);
 
  private:
   CyberSecurityContract();
   ~CyberSecurityContract() override;
 
-  template <typename Signal, typename Callback>
-  tessel::Connection connectTo(Signal& signal, const Callback& callback, const char* operation);
+  template <typename Signal, typename Callback, typename... Owner>
+  tessel::Connection connectTo(Signal& signal, const Callback& callback, const char* operation, const Owner&... owner);
   std::string topicKey(std::string_view topic) const;
   std::string addressKey(const std::string& address) const;
   std::string portKey(const std::string& address, int port) const;
@@ -243,11 +272,13 @@ class VANTOR_MESSAGE_BOARD_API CyberSecurityContract final : public Contract {
   tessel::Signal<bool> newCredentialsSignal_{"the new-credentials signal's lock"};
   tessel::Signal<OptionalToken> securityTokenSignal_{"the security token signal's lock"};
   std::atomic<bool> secured_{false};
-  OptionalToken securityToken_;  // see the threading limit above; wiped when cleared and at destruction
-  // Guards the port list and the hook pointers. Held only to copy or swap them: hooks are held through
-  // shared pointers, so a hook is copied, called and destroyed only after the lock is released. It
-  // therefore nests inside every other lock and never outside one.
-  mutable tessel::detail::TrackedMutex mutex_{"the contract's hook lock"};
+  // Wiped when cleared and at destruction. Also read without the lock, through getSecurityToken().
+  OptionalToken securityToken_ VANTOR_GUARDED_BY(mutex_);
+  // Guards the token, the port list and the hook pointers. Held only to copy, swap or wipe them: hooks
+  // are held through shared pointers, so a hook is copied, called and destroyed only after the lock is
+  // released, and no host code ever runs under it. It therefore nests inside every other lock (the
+  // "SecurityToken" getter takes it under the board's lock) and never outside one.
+  mutable tessel::detail::TrackedMutex mutex_{"the contract's state lock"};
   std::vector<int> tcpPorts_ VANTOR_GUARDED_BY(mutex_);
   std::shared_ptr<const LoggerHook> userActivityLogger_ VANTOR_GUARDED_BY(mutex_);                  // null: none
   std::shared_ptr<const ConnectionCallback> registerConnectionCallback_ VANTOR_GUARDED_BY(mutex_);  // null: none
@@ -268,12 +299,13 @@ class VANTOR_MESSAGE_BOARD_API CyberSecurityContract final : public Contract {
 ///    (signal.hpp).
 ///  - **The cyber-security contract**: vantor::messaging::CyberSecurityContract
 ///    (contract_cyber_security.hpp), the one object through which host components share the security
-///    state. A host includes this header and calls only this class.
+///    state. Hosts use it through instance(), and may derive contracts of their own from Contract
+///    for topics of their own (see examples/host_contract.cpp).
 ///
 /// Each header's file description is its manual: what its types are for, which thread may call what,
 /// which lock each callback runs under and what it must not call, and how long things live. The
-/// guide, docs/guide.md in the source tree, walks through the same ground with the threading rules
-/// and every error a host can see on one page each.
+/// [guide](guide.md) walks through the same ground with the threading rules and every error a host
+/// can see on one page each.
 
 /// @namespace vantor
 /// Everything the library declares.

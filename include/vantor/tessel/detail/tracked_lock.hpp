@@ -28,12 +28,18 @@
 //
 // One registry per process. The registry lives in libvantor_message_board, which the dynamic loader
 // maps once per process, so the board, the contract's signals and every signal a host instantiates in
-// its executable or in plugins (RTLD_LOCAL, hidden visibility or -fno-gnu-unique included) share it as
-// long as they link the library. It is a constant-initialised, trivially destructible object, so the
-// library stays unloadable; there is no thread_local state. Code that includes this header without
-// linking the library uses a registry of its own module, and cycles that run through locks of two such
-// registries are not detected. Nor are waits on mutexes that are not TrackedMutexes (a host's own
-// mutex taken inside a callback): such cycles still hang.
+// its executable or in plugins (RTLD_LOCAL, hidden visibility or -fno-gnu-unique included) share it.
+// Every module that includes this header refers to the registry with a strong reference, so it must
+// link the library, and the linker keeps the library as a dependency whatever its flags (a weak
+// reference, the road not taken, let -Wl,--as-needed drop the library from a module that used only
+// Signal, which then kept a registry of its own). The registry is a constant-initialised, trivially
+// destructible object, so the library stays unloadable; there is no thread_local state.
+//
+// Code that uses the signal header without linking the library defines VANTOR_TESSEL_STANDALONE for
+// every translation unit of its module (on the command line): the module then keeps a registry of its
+// own, so re-entry is still reported, but cycles through locks of its signals and of the library's (or
+// another standalone module's) are not detected and hang. Nor are waits on mutexes that are not
+// TrackedMutexes (a host's own mutex taken inside a callback): such cycles still hang.
 //
 // Lock order: the only permitted nesting is a signal's lock outside the board's (see
 // vantor/messaging/message_board.hpp); any other nesting that closes a cycle at run time fails as above.
@@ -66,15 +72,17 @@ struct WaitRegistry {
   WaitRecord* waiting = nullptr;  // guarded by mutex: every thread blocked on a TrackedMutex
 };
 
-// The process's registry, defined by libvantor_message_board. Weak, so that code using the header
-// without the library still links (and then falls back to a registry of its own module).
-__attribute__((weak, visibility("default"))) WaitRegistry* processWaitRegistry() noexcept;
-
+#if defined(VANTOR_TESSEL_STANDALONE)
 inline WaitRegistry& waitRegistry() noexcept {
-  if (&processWaitRegistry != nullptr) return *processWaitRegistry();
   static WaitRegistry ownModule;
   return ownModule;
 }
+#else
+// The process's registry, defined by libvantor_message_board.
+__attribute__((visibility("default"))) WaitRegistry* processWaitRegistry() noexcept;
+
+inline WaitRegistry& waitRegistry() noexcept { return *processWaitRegistry(); }
+#endif
 
 // A non-recursive mutex that knows its holder and its name. Locked only through TrackedLock.
 class VANTOR_CAPABILITY("mutex") TrackedMutex {

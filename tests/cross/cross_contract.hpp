@@ -1,0 +1,63 @@
+#pragma once
+
+// A host's own contract shared by a program and a plugin that may be built by other compilers or without
+// RTTI. Each side publishes one value of each type below under its own prefix, and reads the other's with
+// its own instantiations of the same types; plus a `Secret` that each translation unit declares in an
+// unnamed namespace, so that the two are distinct types spelled alike, which must never be taken for one.
+
+#include <array>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "vantor/messaging/contract.hpp"
+
+namespace host {
+struct Reading {
+  int sensor;
+  double value;
+  bool operator==(const Reading& other) const { return sensor == other.sensor && value == other.value; }
+};
+}  // namespace host
+
+namespace {
+struct Secret {
+  std::string text;
+};
+}  // namespace
+
+struct CrossContract : vantor::messaging::Contract {
+  explicit CrossContract(bool purge) : Contract("Cross", purge) {}
+
+  template <typename Each>
+  static void forEachValue(Each&& each) {
+    each("bool", true), each("int", -7), each("unsigned long", 7UL), each("string", std::string("text"));
+    each("token", std::array<unsigned char, 32>{1, 2, 3}), each("reading", host::Reading{3, 1.5});
+    each("readings", std::vector<host::Reading>{{1, 2.0}, {2, 4.0}});
+  }
+  void publishAll(const std::string& prefix) {
+    forEachValue(
+        [&](const char* topic, auto value) { update<decltype(value)>(prefix + topic, [value] { return value; }); });
+    update<Secret>(prefix + "secret", [] { return Secret{"mine"}; });
+  }
+  // Subscribes to each value under `prefix`: "received" when it arrives intact, "refused" when its type is
+  // not recognised; then whether the other side's Secret was refused.
+  std::string receiveAll(const std::string& prefix) {
+    std::string log;
+    forEachValue([&](const char* topic, auto expected) {
+      try {
+        subscribe<decltype(expected)>(prefix + topic,
+                                      [&](const auto& got) { log += got == expected ? "received " : "garbled "; });
+        unsubscribe(prefix + topic);  // the subscriber refers to `log`
+      } catch (const std::invalid_argument&) {
+        log += "refused ";
+      }
+    });
+    try {
+      get<Secret>(prefix + "secret");
+      return log + "secret taken";
+    } catch (const std::invalid_argument&) {
+      return log + "secret refused";
+    }
+  }
+};
