@@ -1,0 +1,102 @@
+// Components that go away while the security state keeps changing, and the two ways to let them go:
+//
+//   SessionGate  lives in a std::shared_ptr and may be destroyed on any thread, also while another thread
+//                publishes. It connects its callback tracked by itself: a call that is running keeps the
+//                gate alive until it returns, and no call starts once the gate is gone.
+//   StatusLine   lives and dies on the thread that publishes (or while nothing publishes). A
+//                ScopedConnection member is enough: it disconnects the callback when the line goes.
+//   a one-shot   connected with connectExtended(), a callback receives its own connection and
+//                disconnects itself after the first value.
+//
+// The program checks what happened and exits with status 1 when anything differs.
+
+#include <vantor/messaging/contract_cyber_security.hpp>
+
+#include <atomic>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <thread>
+
+using vantor::messaging::CyberSecurityContract;
+
+namespace {
+
+std::atomic<int> usedAfterClosing{0};  // calls that reached a gate whose destruction had begun
+
+class SessionGate {
+ public:
+  // The contract holds the gate only weakly; the callback may use it freely, since it runs only while
+  // the gate is alive and keeps it so.
+  static std::shared_ptr<SessionGate> open(CyberSecurityContract& security) {
+    auto gate = std::make_shared<SessionGate>();
+    gate->connection_ =
+        security.connectSecuredSignalWithHandle([raw = gate.get()](bool secured) { raw->onSecured(secured); }, gate);
+    return gate;
+  }
+  ~SessionGate() { open_ = false; }
+  const vantor::tessel::Connection& connection() const { return connection_; }
+
+ private:
+  void onSecured(bool secured) {
+    if (!open_) ++usedAfterClosing;
+    requireCredentials_ = secured;
+  }
+  std::atomic<bool> open_{true};
+  std::atomic<bool> requireCredentials_{false};
+  vantor::tessel::Connection connection_;  // a plain handle: the tracking does the disconnecting
+};
+
+class StatusLine {
+ public:
+  explicit StatusLine(CyberSecurityContract& security)
+      : connection_(security.connectNewCredentialsSignalWithHandle([this](bool) { ++notices_; })) {}
+  int notices() const { return notices_; }
+
+ private:
+  int notices_ = 0;
+  vantor::tessel::ScopedConnection connection_;  // declared last, so it disconnects before notices_ goes
+};
+
+}  // namespace
+
+int main() try {
+  CyberSecurityContract& security = CyberSecurityContract::instance();
+
+  // A security thread publishes while this thread opens gates and drops them again.
+  std::atomic<bool> done{false};
+  std::thread publisher([&] {
+    for (bool secured = true; !done; secured = !secured) security.updateSecured(secured);
+  });
+  vantor::tessel::Connection lastGate;
+  for (int i = 0; i < 2000; ++i) lastGate = SessionGate::open(security)->connection();  // dropped at once
+  done = true;
+  publisher.join();
+  std::printf("gates opened and dropped while publishing: 2000, used after closing: %d\n", usedAfterClosing.load());
+
+  int noticesSeen = 0;
+  {
+    StatusLine line(security);
+    security.updateAboutNewCreds(), security.updateAboutNewCreds();
+    noticesSeen = line.notices();
+  }
+  security.updateAboutNewCreds();  // the line is gone, and so is its callback
+  std::printf("notices the status line saw: %d\n", noticesSeen);
+
+  vantor::tessel::Signal<std::string> alerts;
+  std::string firstAlert;
+  alerts.connectExtended([&firstAlert](const vantor::tessel::Connection& self, const std::string& text) {
+    firstAlert = text;
+    self.disconnect();
+  });
+  alerts.emit("intrusion"), alerts.emit("again");
+  std::printf("the one-shot alert saw: %s; slots left: %zu\n", firstAlert.c_str(), alerts.slotCount());
+
+  const bool asExpected =
+      usedAfterClosing == 0 && !lastGate.connected() && noticesSeen == 2 && firstAlert == "intrusion" && alerts.empty();
+  std::printf("%s\n", asExpected ? "every component went away cleanly" : "a component outlived its callback");
+  return asExpected ? 0 : 1;
+} catch (const std::exception& error) {
+  std::printf("failed: %s\n", error.what());
+  return 1;
+}
