@@ -4,11 +4,13 @@
 //  - boost::signals2::signal<void(bool)>, the thread-safe signal most hosts already know;
 //  - sigc::signal<void(bool)> of libsigc++ 3, which takes no lock at all (it is not thread-safe), so it
 //    shows what a signal costs when it skips the mutex.
-// Every contender calls the same one-pointer callback (CountTrue).
+// Every contender calls the same one-pointer callback (CountTrue). Tracked slots (each connected with an
+// owner that the slot may not outlive) are measured for vantor and Boost.Signals2 beside the plain ones.
 
 #include <benchmark/benchmark.h>
 
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <vector>
 
@@ -34,6 +36,16 @@ void emitVantor(benchmark::State& state) {
   benchmark::DoNotOptimize(count);
 }
 
+void emitVantorTracked(benchmark::State& state) {
+  long count = 0;
+  vantor::tessel::Signal<bool> signal;
+  const auto owner = std::make_shared<int>();
+  for (int i = 0; i < state.range(0); ++i) signal.connect(CountTrue{&count}, owner);
+  bool value = true;
+  for (auto _ : state) signal.emit(value);
+  benchmark::DoNotOptimize(count);
+}
+
 void emitFloor(benchmark::State& state) {
   long count = 0;
   std::mutex mutex;
@@ -51,6 +63,18 @@ void emitBoost(benchmark::State& state) {
   long count = 0;
   boost::signals2::signal<void(bool)> signal;
   for (int i = 0; i < state.range(0); ++i) signal.connect(CountTrue{&count});
+  bool value = true;
+  for (auto _ : state) signal(value);
+  benchmark::DoNotOptimize(count);
+}
+
+void emitBoostTracked(benchmark::State& state) {
+  long count = 0;
+  using BoostSignal = boost::signals2::signal<void(bool)>;
+  BoostSignal signal;
+  const auto owner = std::make_shared<int>();
+  for (int i = 0; i < state.range(0); ++i)
+    signal.connect(BoostSignal::slot_type(CountTrue{&count}).track_foreign(owner));
   bool value = true;
   for (auto _ : state) signal(value);
   benchmark::DoNotOptimize(count);
@@ -107,7 +131,9 @@ void registerSignalBenchmarks() {
     Group emission;
     emission.add("emit/vantor", emitVantor, withSlots)
         .add("emit/floor", emitFloor, withSlots)
-        .add("emit/boost_signals2", emitBoost, withSlots);
+        .add("emit/boost_signals2", emitBoost, withSlots)
+        .add("emit/vantor_tracked", emitVantorTracked, withSlots)
+        .add("emit/boost_signals2_tracked", emitBoostTracked, withSlots);
 #if VANTOR_MESSAGE_BOARD_BENCH_SIGCPP
     emission.add("emit/sigc3_unlocked", emitSigc, withSlots);
 #endif
@@ -127,6 +153,10 @@ void registerSignalBenchmarks() {
              Goal::AtLeast, 5.0);
     addRatio(section, "sigc++ 3 / vantor, " + what, "emit/sigc3_unlocked" + suffix, "emit/vantor" + suffix, Goal::None,
              0.0, "sigc++ is not thread-safe: it takes no lock");
+    addRatio(section, "vantor tracked / vantor, " + what, "emit/vantor_tracked" + suffix, "emit/vantor" + suffix,
+             Goal::None, 0.0, "each slot keeps its owner alive while it runs");
+    addRatio(section, "Boost.Signals2 tracked / vantor tracked, " + what, "emit/boost_signals2_tracked" + suffix,
+             "emit/vantor_tracked" + suffix, Goal::AtLeast, 5.0);
   }
   addRatio("Connection", "connect + disconnect: vantor / floor", "connect_disconnect/vantor",
            "connect_disconnect/floor");
