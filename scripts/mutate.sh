@@ -18,21 +18,31 @@ scratch="$(mktemp -d /tmp/vantor-mutate.XXXXXX)"
 tree="$scratch/tree"
 
 read -r -d '' table <<'EOF' || true
-deliver-under-board-lock @@ include/vantor/messaging/contract.hpp @@   lock.unlock();\n  if (delivery) delivery->template deliver<T>(value.value); @@   if (delivery) delivery->template deliver<T>(value.value);\n  lock.unlock();
-store-subscriber-before-initial-delivery @@ include/vantor/messaging/contract.hpp @@       subscriber(value.value);  // the initial delivery; nothing is stored if it throws @@       board.subscribers.insert_or_assign(key, detail::StoredFunction(stored));\n      subscriber(value.value);
-no-initial-delivery @@ include/vantor/messaging/contract.hpp @@       subscriber(value.value);  // the initial delivery; nothing is stored if it throws @@       (void)value;
-empty-getter-not-stored @@ include/vantor/messaging/contract.hpp @@   if (!inserted) entry->second = std::move(stored);  // the previous getter @@   if (!inserted && !stored.empty()) entry->second = std::move(stored);  // the previous getter
-get-calls-an-empty-getter @@ include/vantor/messaging/contract.hpp @@   if (found->second.empty()) return boost::none; @@ 
-notify-stores-nothing-but-delivers-twice @@ include/vantor/messaging/contract.hpp @@   if (delivery) delivery->template deliver<T>(value);\n} @@   if (delivery) delivery->template deliver<T>(value);\n  if (delivery) delivery->template deliver<T>(value);\n}
+deliver-under-board-lock @@ include/vantor/messaging/contract.hpp @@   lock.unlock();\n  delivery.template deliver<T>(value.value); @@   delivery.template deliver<T>(value.value);\n  lock.unlock();
+store-subscriber-before-initial-delivery @@ include/vantor/messaging/contract.hpp @@     detail::invokeOrThrow(subscriber, value.value);  // the initial delivery; nothing is stored if it throws @@     board.subscribers.insert_or_assign(key, detail::StoredFunction(stored));\n    detail::invokeOrThrow(subscriber, value.value);
+no-initial-delivery @@ include/vantor/messaging/contract.hpp @@     detail::invokeOrThrow(subscriber, value.value);  // the initial delivery; nothing is stored if it throws @@     (void)value;
+empty-getter-not-stored @@ include/vantor/messaging/contract.hpp @@     entry->second = std::move(stored);  // the previous getter @@     if (!stored.empty()) entry->second = std::move(stored);  // the previous getter
+get-calls-an-empty-getter @@ include/vantor/messaging/contract.hpp @@   if (getter->second.empty()) return boost::none; @@ 
+notify-stores-nothing-but-delivers-twice @@ include/vantor/messaging/contract.hpp @@   delivery.template deliver<T>(value);\n} @@   delivery.template deliver<T>(value);\n  delivery.template deliver<T>(value);\n}
 purge-with-colon @@ src/message_board.cpp @@ it->first.text.compare(0, prefix.size(), prefix) == 0 @@ it->first.text.compare(0, prefix.size() + 1, prefix + ":") == 0
 key-without-colon @@ src/message_board.cpp @@   fullKey.push_back(':'); @@ 
 unsubscribe-keeps-the-getter @@ src/message_board.cpp @@   board.getters.erase(key); @@ 
-types-compared-by-address-only @@ include/vantor/messaging/detail/stored_function.hpp @@ return &a == &b || a.name == b.name; @@ return &a == &b;
-walk-erases-blocked-slots @@ include/vantor/tessel/signal.hpp @@       if (status.disconnected.load(std::memory_order_acquire)) { @@       if (status.disconnected.load(std::memory_order_acquire) || status.blocked.load(std::memory_order_acquire)) {
-walk-invokes-a-slot-when-judged @@ include/vantor/tessel/signal.hpp @@         pending = it; @@         it->first(args...);
-walk-never-invokes-the-last-live-slot @@ include/vantor/tessel/signal.hpp @@     if (pending != slots_.end()) pending->first(std::forward<A>(args)...); @@ 
-connect-keeps-disconnected-slots @@ include/vantor/tessel/signal.hpp @@ it = it->second->disconnected.load(std::memory_order_acquire) ? slots_.erase(it) : std::next(it); @@ it = std::next(it);
-connect-prepends @@ include/vantor/tessel/signal.hpp @@ slots_.emplace_back(callback, std::move(status)); @@ slots_.emplace_front(callback, std::move(status));
+types-compared-by-spelling @@ include/vantor/messaging/detail/stored_function.hpp @@   return a.rtti == b.rtti || (*a.rtti == *b.rtti && !uniqueToItsTranslationUnit(a.rtti->name())); @@   return a.name == b.name;
+types-compared-by-address-only @@ include/vantor/messaging/detail/stored_function.hpp @@   return a.rtti == b.rtti || (*a.rtti == *b.rtti && !uniqueToItsTranslationUnit(a.rtti->name())); @@   return a.rtti == b.rtti;
+internal-types-taken-by-mangled-name @@ include/vantor/messaging/detail/stored_function.hpp @@  && !uniqueToItsTranslationUnit(a.rtti->name())); @@ );
+key-retyped-by-update @@ include/vantor/messaging/contract.hpp @@     detail::checkType(entry->second, detail::typeKeyOf<T>, operation, entry->first);\n @@ 
+null-getter-called @@ include/vantor/messaging/contract.hpp @@ value{detail::invokeOrThrow(getter)}; @@ value{getter()};
+moved-from-callable-still-owns-it @@ include/vantor/messaging/detail/stored_function.hpp @@     other.ops_ = nullptr;  // its function now lives here @@ 
+walk-erases-blocked-slots @@ include/vantor/tessel/signal.hpp @@       if (status.gone()) { @@       if (status.gone() || status.blocked.load(std::memory_order_acquire)) {
+walk-invokes-a-slot-when-judged @@ include/vantor/tessel/signal.hpp @@         pending = it; @@         invoke(*it, args...);
+walk-never-invokes-the-last-live-slot @@ include/vantor/tessel/signal.hpp @@     if (pending != slots_.end()) invoke(*pending, std::forward<A>(args)...); @@ 
+disconnect-waits-for-the-next-walk @@ include/vantor/tessel/signal.hpp @@     if (status.disconnected.load(std::memory_order_acquire)) return;\n @@ 
+expired-owner-still-called @@ include/vantor/tessel/signal.hpp @@       if (owners[i].watched.expired()) return true; @@ if (owners[i].watched.expired() && false) return true;
+owner-not-kept-alive-while-its-slot-runs @@ include/vantor/tessel/signal.hpp @@     const detail::KeptOwners kept(status);\n    if (kept) slot.first(std::forward<A>(args)...); @@     if (!status.ownerGone()) slot.first(std::forward<A>(args)...);
+extended-slot-handed-no-connection @@ include/vantor/tessel/signal.hpp @@ self = Connection(status)] @@ self = Connection()]
+slot-count-includes-disconnected-slots @@ include/vantor/tessel/signal.hpp @@ connected += state(slot).gone() ? 0 : 1; @@ connected += 1;
+connect-keeps-disconnected-slots @@ include/vantor/tessel/signal.hpp @@ it = state(*it).gone() ? slots_.erase(it) : std::next(it); @@ it = std::next(it);
+connect-prepends @@ include/vantor/tessel/signal.hpp @@ slots_.emplace_back(std::move(callback), std::move(status)); @@ slots_.emplace_front(std::move(callback), std::move(status));
 connect-prepends @@ include/vantor/tessel/signal.hpp @@ return Connection(slots_.back().second); @@ return Connection(slots_.front().second);
 emit-keeps-the-lock-when-a-slot-throws @@ include/vantor/tessel/signal.hpp @@     detail::TrackedLock lock(mutex_, operation);\n    deliver(std::forward<A>(args)...); @@     auto* lock = new detail::TrackedLock(mutex_, operation);\n    deliver(std::forward<A>(args)...);\n    delete lock;
 blockers-not-counted @@ include/vantor/tessel/signal.hpp @@ blocks.fetch_add(detail::SlotState::kOneBlocker); @@ blocks.fetch_or(detail::SlotState::kOneBlocker);
@@ -40,22 +50,24 @@ scoped-assignment-keeps-the-old-slot @@ include/vantor/tessel/signal.hpp @@     
 lock-holder-never-cleared @@ include/vantor/tessel/detail/tracked_lock.hpp @@     mutex_.holder_.store(std::thread::id(), std::memory_order_relaxed); @@ 
 reentry-not-detected @@ include/vantor/tessel/detail/tracked_lock.hpp @@     if (mutex.holder_.load(std::memory_order_relaxed) == self) throwReentry(mutex, operation, subject); @@ 
 cycle-not-detected @@ include/vantor/tessel/detail/tracked_lock.hpp @@       if (holder == self) return length; @@       if (holder == self) return 0;
+registry-referenced-weakly @@ include/vantor/tessel/detail/tracked_lock.hpp @@ __attribute__((visibility("default"))) WaitRegistry* processWaitRegistry() noexcept; @@ __attribute__((weak, visibility("default"))) WaitRegistry* processWaitRegistry() noexcept;
 wrong-default-port @@ src/contract_cyber_security.cpp @@ 17176, 17178} @@ 17176, 17177}
 walk-live-port-list @@ src/contract_cyber_security.cpp @@   for (const int port : ports) { @@   for (std::size_t i = 0; i < tcpPorts_.size(); ++i) {\n    const int port = tcpPorts_[i];
 walk-skips-the-first-port @@ src/contract_cyber_security.cpp @@   for (const int port : ports) { @@   for (std::size_t i = 1; i < ports.size(); ++i) {\n    const int port = ports[i];
 cleared-token-signalled-as-empty-optional @@ src/contract_cyber_security.cpp @@ securityTokenSignal_.emitAs(kUpdateSecurityToken, token); @@ securityTokenSignal_.emitAs(kUpdateSecurityToken, token == Token{} ? OptionalToken() : OptionalToken(token));
-token-never-cleared @@ src/contract_cyber_security.cpp @@     securityToken_ = boost::none; @@ 
-token-not-wiped @@ src/contract_cyber_security.cpp @@     wipe(securityToken_);  // a reset optional keeps its payload: clear the bytes first @@ 
+token-never-cleared @@ src/contract_cyber_security.cpp @@       securityToken_ = boost::none; @@ 
+token-not-wiped @@ src/contract_cyber_security.cpp @@       wipe(securityToken_);  // a reset optional keeps its payload: clear the bytes first @@ 
+token-not-wiped-at-destruction @@ src/contract_cyber_security.cpp @@ VANTOR_NO_THREAD_SAFETY_ANALYSIS { wipe(securityToken_); } @@ VANTOR_NO_THREAD_SAFETY_ANALYSIS {}
 secured-stored-after-publishing @@ src/contract_cyber_security.cpp @@   secured_.store(secured, std::memory_order_release);\n  publish<bool>(\n      topicKey("Secured"), [this] { return secured_.load(std::memory_order_acquire); }, kUpdateSecured); @@   publish<bool>(\n      topicKey("Secured"), [secured] { return secured; }, kUpdateSecured);\n  secured_.store(secured, std::memory_order_release);
 new-credentials-notice-false @@ src/contract_cyber_security.cpp @@ notifyKey<bool>(topicKey("NewCredentials"), true, kUpdateAboutNewCreds); @@ notifyKey<bool>(topicKey("NewCredentials"), false, kUpdateAboutNewCreds);
 ip-secured-reads-a-port-topic @@ src/contract_cyber_security.cpp @@ return read<bool>(addressKey(address), @@ return read<bool>(portKey(address, 17161),
 ip-secured-false-while-unsecured @@ src/contract_cyber_security.cpp @@   if (!secured_.load(std::memory_order_acquire)) return true; @@   if (!secured_.load(std::memory_order_acquire)) return false;
-ports-moved-out-of-the-argument @@ src/contract_cyber_security.cpp @@ std::vector<int> replacement(ports.begin(), ports.end()); @@ std::vector<int> replacement(std::move(ports));
+ports-moved-out-of-the-argument @@ src/contract_cyber_security.cpp @@   setTcpPortsVector(static_cast<const std::vector<int>&>(ports)); @@   std::vector<int> moved(std::move(ports));\n  setTcpPortsVector(moved);
 connection-flag-lost @@ src/contract_cyber_security.cpp @@   if (callback) (*callback)(address, port, allowed); @@   if (callback) (*callback)(address, port, true);
 hook-copied-under-the-lock @@ src/contract_cyber_security.cpp @@     callback = registerConnectionCallback_; @@     if (registerConnectionCallback_) callback = std::make_shared<const ConnectionCallback>(*registerConnectionCallback_);
-get-calls-the-getter-twice @@ include/vantor/messaging/contract.hpp @@   return found->second.template get<T>(); @@   found->second.template get<T>();\n  return found->second.template get<T>();
-delivery-runs-the-stored-subscriber @@ include/vantor/messaging/contract.hpp @@   if (delivery) delivery->template deliver<T>(value.value); @@   if (delivery) board.subscribers.find(entry->first)->second.template deliver<T>(value.value);
-connect-appends-before-allocating-the-status @@ include/vantor/tessel/signal.hpp @@     std::shared_ptr<Connection::Status> status(new detail::SlotState());\n    slots_.emplace_back(callback, std::move(status)); @@     slots_.emplace_back(callback, nullptr);\n    slots_.back().second.reset(new detail::SlotState());
+hook-destroyed-under-the-lock @@ src/contract_cyber_security.cpp @@   userActivityLogger_.swap(replacement); @@   userActivityLogger_ = std::move(replacement);
+get-calls-the-getter-twice @@ include/vantor/messaging/contract.hpp @@   return getter->second.template get<T>(); @@   getter->second.template get<T>();\n  return getter->second.template get<T>();
+delivery-runs-the-stored-subscriber @@ include/vantor/messaging/contract.hpp @@   delivery.template deliver<T>(value.value);  // std::bad_function_call for an empty subscriber @@   subscriber->second.template deliver<T>(value.value);
 walk-snapshots-the-ports-before-the-address @@ src/contract_cyber_security.cpp @@   publish<bool>(\n      addressKey(address), [allowed] { return allowed; }, kOperation); @@   const std::vector<int> early = [this] {\n    tessel::detail::TrackedLock lock(mutex_, kOperation);\n    return tcpPorts_;\n  }();\n  publish<bool>(\n      addressKey(address), [allowed] { return allowed; }, kOperation);
 walk-snapshots-the-ports-before-the-address @@ src/contract_cyber_security.cpp @@     ports = tcpPorts_; @@     ports = early;
 ip-secured-reads-the-board-while-unsecured @@ src/contract_cyber_security.cpp @@   if (!secured_.load(std::memory_order_acquire)) return true; @@   const bool published = read<bool>(addressKey(address), "isIpSecured").value_or(false);\n  if (!secured_.load(std::memory_order_acquire)) return true;\n  if (published) return true;
