@@ -25,7 +25,7 @@
 namespace vantor::model {
 
 // What a callback does once it has logged its call (Empty logs nothing and raises):
-//   Republish  publishes 1 to its own key, unless it was delivered 1 (so it republishes once)
+//   Echo       publishes 1 to its own key, unless it was delivered 1 (so it echoes once)
 //   Withdraw   unsubscribes its own key;   Replace  subscribes a Record with id + 1000 to it (both
 //              then log again, from the state of the callable they withdrew)
 //   Query      logs get() of its own key, or isIpSecured() of its address for a pair
@@ -33,23 +33,9 @@ namespace vantor::model {
 //   Reenter    calls its own signal, or publishes the contract topic that feeds its own signal
 //   Flag       disconnects (action 0), blocks (1) or unblocks (2) slot `target` of its signal (an extended
 //              slot's target is itself, reached through the connection it is handed)
-//   Release    releases owner `target`, from inside the emission
+//   Drop       drops the test's reference to owner `target`, from inside the emission
 //   Own        the contract's own subscriber: emits on contract signal `id`
-enum class Kind {
-  Record,
-  Empty,
-  Throw,
-  Republish,
-  Withdraw,
-  Replace,
-  Query,
-  SetPorts,
-  Connect,
-  Reenter,
-  Flag,
-  Own,
-  Release
-};
+enum class Kind { Record, Empty, Throw, Echo, Withdraw, Replace, Query, SetPorts, Connect, Reenter, Flag, Own, Drop };
 // What a getter returns: a logged or a silent fixed value, nothing, an exception, a re-entry into the
 // board, or the contract's live secured flag or token.
 enum class Source { Logged, Fixed, Empty, Throw, Reenter, Secured, Token };
@@ -116,7 +102,7 @@ void actAsSubscriber(Api& api, const Sub& sub, int value) {
   const Topic& topic = sub.topic;
   switch (sub.kind) {
     case Kind::Throw: fail("thrown");
-    case Kind::Republish:
+    case Kind::Echo:
       if (value != 1) api.update(topic, {topic.pair() ? Source::Fixed : Source::Logged, 1});
       return;
     case Kind::Withdraw:
@@ -141,7 +127,7 @@ void actAsSlot(Api& api, int signal, int id, const Slot& slot, int value) {
   if (slot.kind == Kind::Throw) fail("thrown");
   if (slot.kind == Kind::Flag) api.setFlag(slot.target, slot.action);
   if (slot.kind == Kind::Query) api.log += entry('q', id, api.isIpSecured("a"));
-  if (slot.kind == Kind::Release) api.releaseOwner(slot.target);
+  if (slot.kind == Kind::Drop) api.releaseOwner(slot.target);
   if (slot.kind != Kind::Reenter) return;
   if (signal < 0 && slot.action == 0) api.emit(value);
   if (signal < 0 && slot.action == 1) api.connect({Kind::Empty});
@@ -218,14 +204,14 @@ class Model {
     slots.push_back(slot);
   }
   // The pending-slot walk: a live slot runs only once the next live one has been judged, and then only
-  // if it has not gone meanwhile.
+  // if it has not gone meanwhile. A tracked slot reached after its owner expired is marked disconnected.
   void emit(int value) {
     lockSignal("Signal::emit");
     Held held(emitting_);
     int pending = -1;
     for (int index = 0; index < static_cast<int>(slots.size()); ++index) {
       Slot& slot = slots[index];
-      slot.erased |= gone(slot);  // the walk erases the slots it passes that are gone
+      slot.erased |= slot.disconnected;  // the walk erases the disconnected slots it passes
       if (slot.erased || blocked(slot)) continue;
       if (pending >= 0) invoke(pending, value);
       pending = index;
@@ -327,7 +313,7 @@ class Model {
     for (const auto& [id, slot] : std::vector(contractSlots[sub.id])) actAsSlot(*this, sub.id, id, slot, value);
   }
   void invoke(int index, int value) {
-    if (gone(slots[index])) return;
+    if (gone(slots[index])) return static_cast<void>(slots[index].disconnected = true);
     if (slots[index].kind == Kind::Empty) fail("empty");
     actAsSlot(*this, -1, index, Slot(slots[index]), value);
   }

@@ -153,8 +153,9 @@ struct TrackedOwner {
 // What connect() allocates for each slot: the Status that the walk reads, followed by the state from
 // which `blocked` is derived and, for a tracked slot, its owners. block()/unblock() and
 // ConnectionBlockers change `blocks` from any thread in any order, and the slot is blocked while it is
-// non-zero. The owners are fixed before the slot is published: a plain slot's walk pays one test of
-// `ownerCount`, and its Status stays within the allocator's smallest block.
+// non-zero. The owners are fixed before the slot is published, and only a tracked slot's own callback
+// (see Signal::keepingOwners) and the operations that are no delivery read them: the walk over plain
+// slots never does, and a plain slot's Status stays within the allocator's smallest block.
 struct SlotState : Connection::Status {
   static constexpr std::uint32_t kBlockCalled = 1;  // block() is in force
   static constexpr std::uint32_t kOneBlocker = 2;   // added per living ConnectionBlocker
@@ -168,7 +169,7 @@ struct SlotState : Connection::Status {
       if (owners[i].watched.expired()) return true;
     return false;
   }
-  // True when a walk erases the slot.
+  // True when the slot is never called again: disconnected, or an owner has expired.
   bool gone() const noexcept { return disconnected.load(std::memory_order_acquire) || ownerGone(); }
 };
 
@@ -372,6 +373,7 @@ class Signal {
     Callback bound = [callback, self = Connection(status)](Args... args) {
       callback(self, std::forward<Args>(args)...);
     };
+    if constexpr (sizeof...(Owners) != 0) bound = keepingOwners(bound, status);
     return attach("Signal::connectExtended", std::move(bound), std::move(status));
   }
 
@@ -395,7 +397,9 @@ class Signal {
   /// connect() with tracked `owners`, whose errors name `operation`. Throws what connect() throws.
   template <typename Owner, typename... Owners>
   Connection connectAs(const char* operation, const Callback& callback, const Owner& owner, const Owners&... owners) {
-    return attach(operation, Callback(callback), makeStatus(owner, owners...));
+    std::shared_ptr<Connection::Status> status = makeStatus(owner, owners...);
+    Callback tracked = keepingOwners(callback, status);
+    return attach(operation, std::move(tracked), std::move(status));
   }
 
   /// emit() for owners that expose the signal through operations of their own: errors name
@@ -436,6 +440,17 @@ class Signal {
     }
   }
 
+  // A tracked slot's callback: calls `callback` only while every owner of the slot can be kept alive, and
+  // keeps them so until it returns; once one has expired, marks the slot disconnected instead. Tracking
+  // lives here, in the callback, so that a delivery to plain slots pays nothing for it. The slot's
+  // Status outlives every call of its callback (both go with the slot's entry).
+  static Callback keepingOwners(const Callback& callback, const std::shared_ptr<Connection::Status>& status) {
+    return [callback, &slot = static_cast<detail::SlotState&>(*status)](Args... args) {
+      const detail::KeptOwners kept(slot);
+      if (kept) callback(std::forward<Args>(args)...);
+    };
+  }
+
   // Appends a slot made of a callback copied and a Status allocated before locking, after erasing the
   // slots that are gone. On failure nothing is appended and both are freed.
   Connection attach(const char* operation, Callback&& callback, std::shared_ptr<Connection::Status>&& status) {
@@ -447,18 +462,20 @@ class Signal {
   }
 
   // Walks the slots in order with the caller holding the mutex (only emitAs() does): erases the slots
-  // that are gone, skips blocked ones, and invokes each live slot once. A live slot is invoked only
-  // after the walk has judged every entry up to the next live slot, so that the last one can receive
-  // `args` forwarded while every other receives copies; a flag change that a callback makes to that
-  // next slot takes effect in this delivery only for disconnection, which invoke() checks again.
-  // Allocates nothing. Throws std::bad_function_call when it reaches an empty callback, and whatever a
-  // callback throws; either ends the walk, and entries already erased stay erased.
+  // marked disconnected, skips blocked ones, and invokes each live slot once. A live slot is invoked
+  // only after the walk has judged every entry up to the next live slot, so that the last one can
+  // receive `args` forwarded while every other receives copies; a flag change that a callback makes to
+  // that next slot takes effect in this delivery only for disconnection, which invoke() checks again.
+  // (A tracked slot whose owner has expired is marked disconnected by its own callback when the walk
+  // reaches it, and erased by the next walk.) Allocates nothing. Throws std::bad_function_call when it
+  // reaches an empty callback, and whatever a callback throws; either ends the walk, and entries
+  // already erased stay erased.
   template <typename... A>
   void deliver(A&&... args) VANTOR_REQUIRES(mutex_) {
     auto pending = slots_.end();
     for (auto it = slots_.begin(); it != slots_.end();) {
-      const detail::SlotState& status = detail::stateOf(*it);
-      if (status.gone()) {
+      const Connection::Status& status = *it->second;
+      if (status.disconnected.load(std::memory_order_acquire)) {
         it = slots_.erase(it);
         continue;
       }
@@ -472,14 +489,10 @@ class Signal {
   }
 
   // Calls a slot the walk found live, unless it was disconnected since (by an earlier slot of this
-  // delivery or by another thread); a tracked slot only while every owner can be kept alive.
+  // delivery or by another thread).
   template <typename... A>
   static void invoke(const Slot& slot, A&&... args) {
-    detail::SlotState& status = detail::stateOf(slot);
-    if (status.disconnected.load(std::memory_order_acquire)) return;
-    if (status.ownerCount == 0) return slot.first(std::forward<A>(args)...);
-    const detail::KeptOwners kept(status);
-    if (kept) slot.first(std::forward<A>(args)...);
+    if (!slot.second->disconnected.load(std::memory_order_acquire)) slot.first(std::forward<A>(args)...);
   }
 
   std::size_t count(const char* operation) const {
