@@ -4,14 +4,18 @@
 //  - boost::signals2::signal<void(bool)>, the thread-safe signal most hosts already know;
 //  - sigc::signal<void(bool)> of libsigc++ 3, which takes no lock at all (it is not thread-safe), so it
 //    shows what a signal costs when it skips the mutex.
+//  - the emission of release 13.0, frozen below, so that every run shows what today's walk costs plain
+//    slots beside the walk it replaced, measured in the same rounds.
 // Every contender calls the same one-pointer callback (CountTrue). Tracked slots (each connected with an
 // owner that the slot may not outlive) are measured for vantor and Boost.Signals2 beside the plain ones.
 
 #include <benchmark/benchmark.h>
 
 #include <functional>
+#include <list>
 #include <memory>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include <boost/signals2/signal.hpp>
@@ -27,9 +31,50 @@ namespace {
 
 const std::vector<int> kSlotCounts = {1, 8, 64};
 
+// Signal<bool>'s emission as release 13.0 had it: the same lock and list of slots, walked before a
+// delivery checked a slot's flag again right before calling it, and before slots could be tracked.
+class Signal13 {
+ public:
+  void connect(const std::function<void(bool)>& callback) {
+    vantor::tessel::detail::TrackedLock lock(mutex_, "Signal13::connect");
+    slots_.emplace_back(callback, std::shared_ptr<Status>(new Status()));
+  }
+  void emit(bool& value) {
+    vantor::tessel::detail::TrackedLock lock(mutex_, "Signal13::emit");
+    auto pending = slots_.end();
+    for (auto it = slots_.begin(); it != slots_.end();) {
+      const Status& status = *it->second;
+      if (status.disconnected.load(std::memory_order_acquire)) {
+        it = slots_.erase(it);
+        continue;
+      }
+      if (!status.blocked.load(std::memory_order_acquire)) {
+        if (pending != slots_.end()) pending->first(value);
+        pending = it;
+      }
+      ++it;
+    }
+    if (pending != slots_.end()) pending->first(value);
+  }
+
+ private:
+  using Status = vantor::tessel::Connection::Status;
+  vantor::tessel::detail::TrackedMutex mutex_{"release 13.0's signal lock"};
+  std::list<std::pair<std::function<void(bool)>, std::shared_ptr<Status>>> slots_;
+};
+
 void emitVantor(benchmark::State& state) {
   long count = 0;
   vantor::tessel::Signal<bool> signal;
+  for (int i = 0; i < state.range(0); ++i) signal.connect(CountTrue{&count});
+  bool value = true;
+  for (auto _ : state) signal.emit(value);
+  benchmark::DoNotOptimize(count);
+}
+
+void emitVantor13(benchmark::State& state) {
+  long count = 0;
+  Signal13 signal;
   for (int i = 0; i < state.range(0); ++i) signal.connect(CountTrue{&count});
   bool value = true;
   for (auto _ : state) signal.emit(value);
@@ -130,6 +175,7 @@ void registerSignalBenchmarks() {
     const auto withSlots = [slots](benchmark::internal::Benchmark* benchmark) { benchmark->Arg(slots); };
     Group emission;
     emission.add("emit/vantor", emitVantor, withSlots)
+        .add("emit/vantor_13_0", emitVantor13, withSlots)
         .add("emit/floor", emitFloor, withSlots)
         .add("emit/boost_signals2", emitBoost, withSlots)
         .add("emit/vantor_tracked", emitVantorTracked, withSlots)
@@ -149,6 +195,8 @@ void registerSignalBenchmarks() {
     const std::string what = std::to_string(slots) + (slots == 1 ? " slot" : " slots");
     const std::string section = "Emission, Signal<bool>::emit";
     addRatio(section, "vantor / floor, " + what, "emit/vantor" + suffix, "emit/floor" + suffix, Goal::AtMost, 1.1);
+    addRatio(section, "vantor / release 13.0's walk, " + what, "emit/vantor" + suffix, "emit/vantor_13_0" + suffix,
+             Goal::AtMost, 1.05, "plain slots: the cost of the disconnection check and of tracking");
     addRatio(section, "Boost.Signals2 / vantor, " + what, "emit/boost_signals2" + suffix, "emit/vantor" + suffix,
              Goal::AtLeast, 5.0);
     addRatio(section, "sigc++ 3 / vantor, " + what, "emit/sigc3_unlocked" + suffix, "emit/vantor" + suffix, Goal::None,
