@@ -30,10 +30,11 @@ const std::vector<int> kPorts = {1, 2, 3};
 tessel::Signal<int> slots;
 std::vector<int> received = std::vector<int>(64);  // room for every call's deliveries; cleared before a call
 const auto recorder = [](int id) { return [id](auto&&...) { received.push_back(id); }; };
-tessel::ScopedConnection first, added;  // secured-signal slots: the arrangement's, and the one a connect added
-void arrangeSlots(int count) {          // `count` recorders, ids 1, 2, ...
+tessel::ScopedConnection first, added;       // secured-signal slots: the arrangement's, and the one a connect added
+const auto owner = std::make_shared<int>();  // of the tracked slots
+void arrangeSlots(int count, bool tracked = false) {  // `count` recorders, ids 1, 2, ...
   slots.disconnectAll();
-  for (int id = 1; id <= count; ++id) slots.connect(recorder(id));
+  for (int id = 1; id <= count; ++id) tracked ? slots.connect(recorder(id), owner) : slots.connect(recorder(id));
 }
 void sweepPairs() { TestContract sweeper("CyberSecurity:IP:"); }  // its purge removes every address and pair topic
 void arrangePair() {
@@ -61,6 +62,7 @@ const Operation kOperations[] = {
     {"Signal_connect", 3 /* the list entry, its Status, the Status's count */, [] { arrangeSlots(1); },
      [] { slots.connect(recorder(2)); }, [] { slots.emit(0); }},
     {"Signal_emit_with_64_slots", 0, [] { arrangeSlots(64); }, [] { slots.emit(0); }},
+    {"Signal_emit_with_64_tracked_slots", 0, [] { arrangeSlots(64, true); }, [] { slots.emit(0); }},
     {"CyberSecurityContract_connectSecuredSignalWithHandle", 3, arrangeSecured,
      [] { added = cs.connectSecuredSignalWithHandle(recorder(2)); }, [] { cs.updateSecured(false); }},
     {"CyberSecurityContract_updateSecured", 1, [] { arrangeSecured(), cs.updateSecured(false); },

@@ -30,10 +30,10 @@ const std::string kAddresses[] = {"a", "a:17161", ""};
 const int kPorts[] = {17161, 17178, -1};
 const std::vector<int> kPortLists[] = {{}, {17161}, {17161, 17161}, {-1, 17178, 17161}, {17178, 17161, -1, 0}};
 const Source kSources[] = {Source::Empty, Source::Throw, Source::Reenter, Source::Logged};
-const Kind kSubscribers[] = {Kind::Record,   Kind::Record,  Kind::Empty, Kind::Throw,    Kind::Republish,
+const Kind kSubscribers[] = {Kind::Record,   Kind::Record,  Kind::Empty, Kind::Throw,    Kind::Echo,
                              Kind::Withdraw, Kind::Replace, Kind::Query, Kind::SetPorts, Kind::Connect};
 const Kind kSlots[] = {Kind::Record,  Kind::Record, Kind::Empty, Kind::Throw,
-                       Kind::Reenter, Kind::Flag,   Kind::Query, Kind::Release};
+                       Kind::Reenter, Kind::Flag,   Kind::Query, Kind::Drop};
 const Kind kContractSlots[] = {Kind::Record, Kind::Throw, Kind::Reenter, Kind::Query, Kind::Flag};
 Logger theLogger;
 
