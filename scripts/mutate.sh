@@ -33,15 +33,16 @@ internal-types-taken-by-mangled-name @@ include/vantor/messaging/detail/stored_f
 key-retyped-by-update @@ include/vantor/messaging/contract.hpp @@     detail::checkType(entry->second, detail::typeKeyOf<T>, operation, entry->first);\n @@ 
 null-getter-called @@ include/vantor/messaging/contract.hpp @@ value{detail::invokeOrThrow(getter)}; @@ value{getter()};
 moved-from-callable-still-owns-it @@ include/vantor/messaging/detail/stored_function.hpp @@     other.ops_ = nullptr;  // its function now lives here @@ 
-walk-erases-blocked-slots @@ include/vantor/tessel/signal.hpp @@       if (status.gone()) { @@       if (status.gone() || status.blocked.load(std::memory_order_acquire)) {
+walk-erases-blocked-slots @@ include/vantor/tessel/signal.hpp @@       if (status.disconnected.load(std::memory_order_acquire)) { @@       if (status.disconnected.load(std::memory_order_acquire) || status.blocked.load(std::memory_order_acquire)) {
 walk-invokes-a-slot-when-judged @@ include/vantor/tessel/signal.hpp @@         pending = it; @@         invoke(*it, args...);
 walk-never-invokes-the-last-live-slot @@ include/vantor/tessel/signal.hpp @@     if (pending != slots_.end()) invoke(*pending, std::forward<A>(args)...); @@ 
-disconnect-waits-for-the-next-walk @@ include/vantor/tessel/signal.hpp @@     if (status.disconnected.load(std::memory_order_acquire)) return;\n @@ 
-expired-owner-still-called @@ include/vantor/tessel/signal.hpp @@       if (owners[i].watched.expired()) return true; @@ if (owners[i].watched.expired() && false) return true;
-owner-not-kept-alive-while-its-slot-runs @@ include/vantor/tessel/signal.hpp @@     const detail::KeptOwners kept(status);\n    if (kept) slot.first(std::forward<A>(args)...); @@     if (!status.ownerGone()) slot.first(std::forward<A>(args)...);
+disconnect-waits-for-the-next-walk @@ include/vantor/tessel/signal.hpp @@     if (!slot.second->disconnected.load(std::memory_order_acquire)) slot.first(std::forward<A>(args)...); @@     slot.first(std::forward<A>(args)...);
+expired-owner-reads-connected @@ include/vantor/tessel/signal.hpp @@ if (owners[i].watched.expired()) return true; @@ if (owners[i].watched.expired() && false) return true;
+expired-owner-still-called @@ include/vantor/tessel/signal.hpp @@       alive_ = alive_ && slot.owners[i].kept; @@       alive_ = true;
+owner-not-kept-alive-while-its-slot-runs @@ include/vantor/tessel/signal.hpp @@       const detail::KeptOwners kept(slot);\n      if (kept) callback(std::forward<Args>(args)...); @@       if (!slot.ownerGone()) callback(std::forward<Args>(args)...);
 extended-slot-handed-no-connection @@ include/vantor/tessel/signal.hpp @@ self = Connection(status)] @@ self = Connection()]
-slot-count-includes-disconnected-slots @@ include/vantor/tessel/signal.hpp @@ connected += state(slot).gone() ? 0 : 1; @@ connected += 1;
-connect-keeps-disconnected-slots @@ include/vantor/tessel/signal.hpp @@ it = state(*it).gone() ? slots_.erase(it) : std::next(it); @@ it = std::next(it);
+slot-count-includes-disconnected-slots @@ include/vantor/tessel/signal.hpp @@ connected += detail::stateOf(slot).gone() ? 0 : 1; @@ connected += 1;
+connect-keeps-disconnected-slots @@ include/vantor/tessel/signal.hpp @@ it = detail::stateOf(*it).gone() ? slots_.erase(it) : std::next(it); @@ it = std::next(it);
 connect-prepends @@ include/vantor/tessel/signal.hpp @@ slots_.emplace_back(std::move(callback), std::move(status)); @@ slots_.emplace_front(std::move(callback), std::move(status));
 connect-prepends @@ include/vantor/tessel/signal.hpp @@ return Connection(slots_.back().second); @@ return Connection(slots_.front().second);
 emit-keeps-the-lock-when-a-slot-throws @@ include/vantor/tessel/signal.hpp @@     detail::TrackedLock lock(mutex_, operation);\n    deliver(std::forward<A>(args)...); @@     auto* lock = new detail::TrackedLock(mutex_, operation);\n    deliver(std::forward<A>(args)...);\n    delete lock;
@@ -95,7 +96,11 @@ if not found:
 ' "$1" "$tree"
 }
 
-restore() { tar -C "$source_dir" -cf - include src | tar -C "$tree" -xmf -; }  # -m: new mtimes, so ninja rebuilds
+# The library as it was when the run began, so that editing the working tree meanwhile changes nothing.
+pristine="$scratch/pristine"
+mkdir -p "$pristine"
+tar -C "$source_dir" -cf - include src | tar -C "$pristine" -xf -
+restore() { tar -C "$pristine" -cf - include src | tar -C "$tree" -xmf -; }  # -m: new mtimes, so ninja rebuilds
 
 names=${MUTANTS:-$(printf '%s\n' "$table" | sed 's/ @@ .*//' | awk '!seen[$0]++')}
 
