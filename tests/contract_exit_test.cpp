@@ -34,9 +34,7 @@ int main() {
   check(seen[0] != nullptr && seen[0] == seen[1], "racing first callers receive the same object");
   CyberSecurityContract& contract = *seen[0];
   // Leave getters and subscribers of every kind for the destruction to remove, beside a bystander's entry.
-  CyberSecurityContract::Token secret;
-  secret.fill(0xA5);
-  contract.updateSecured(true), contract.updateSecurityToken(secret);
+  contract.updateSecured(true), contract.updateSecurityToken(CyberSecurityContract::Token{0xA5, 0xA5, 0xA5});
   tokenBytes = reinterpret_cast<const unsigned char*>(&contract.getSecurityToken());
   contract.updateIpAllPortsAllowed("192.0.2.7", true), contract.subscribeToIpPortAllowed("192.0.2.7", 1, [](bool) {});
   static TestContract bystander("Bystander", /*purgeOnDestroy=*/false);

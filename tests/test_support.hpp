@@ -24,7 +24,6 @@ class BoardTestPeer {
     return found;
   }
   static bool hasGetter(const std::string& key) { return entries()[key].find('g') != std::string::npos; }
-  static bool hasSubscriber(const std::string& key) { return entries()[key].find('s') != std::string::npos; }
   // How many entries of both maps have a key that begins with `prefix`.
   static std::size_t entriesWithPrefix(const std::string& prefix) {
     std::size_t found = 0;

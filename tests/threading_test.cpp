@@ -36,13 +36,9 @@ TEST(Board, NewSubscriberGetsTheCurrentValueFirstAndThenMissesNoLaterPublication
 }
 
 // Also components that own their slots (tracked) and go away on a third thread, maybe while their slot
-// runs: none is used after its destruction has begun (ASan and TSan watch the memory), and no slot
-// outlives its component.
+// runs: no slot ever runs once its component's destruction has begun (its weak pointer would then read
+// expired), and no slot outlives its component.
 TEST(Signal, FlagsBlockersAndConnectsFromOtherThreadsWhileOneEmitsLoseNothing) {
-  struct Component {
-    std::atomic<bool> alive{true};
-    ~Component() { alive = false; }
-  };
   tessel::Signal<int> signal;
   std::atomic<int> steady{0}, toggled{0}, usedAfterDestruction{0};
   signal.connect([&](int) { ++steady; });
@@ -51,10 +47,11 @@ TEST(Signal, FlagsBlockersAndConnectsFromOtherThreadsWhileOneEmitsLoseNothing) {
     for (int i = 0; i < kRounds; ++i) {
       if (index == 0) signal.emit(i);
       if (index == 1) tessel::ConnectionBlocker blocker(toggledSlot);
-      const auto component = std::make_shared<Component>();  // its only owner goes at the end of the round
-      if (index == 2)
-        signal.connect([raw = component.get(), &usedAfterDestruction](int) { usedAfterDestruction += !raw->alive; },
-                       component);
+      const auto component = std::make_shared<int>();  // its only owner goes at the end of the round
+      const auto use = [weak = std::weak_ptr<int>(component), &usedAfterDestruction](int) {
+        usedAfterDestruction += weak.expired();
+      };
+      if (index == 2) signal.connect(use, component);
     }
     if (index == 1) toggledSlot.disconnect();
   });

@@ -14,8 +14,7 @@
 
 namespace host {
 struct Reading {
-  int sensor;
-  double value;
+  int sensor, value;
   bool operator==(const Reading& other) const { return sensor == other.sensor && value == other.value; }
 };
 }  // namespace host
@@ -33,26 +32,25 @@ struct CrossContract : vantor::messaging::Contract {
   template <typename Each>
   static void forEachValue(Each&& each) {
     each("bool", true), each("int", -7), each("unsigned long", 7UL), each("string", std::string("text"));
-    each("token", std::array<unsigned char, 32>{1, 2, 3}), each("reading", host::Reading{3, 1.5});
-    each("readings", std::vector<host::Reading>{{1, 2.0}, {2, 4.0}}), each("secret", Secret{"mine"});
+    each("token", std::array<unsigned char, 32>{1, 2, 3}), each("reading", host::Reading{3, 15});
+    each("readings", std::vector<host::Reading>{{1, 20}, {2, 40}}), each("secret", Secret{"mine"});
   }
   void publishAll(const std::string& prefix) {
     forEachValue(
         [&](const char* topic, auto value) { update<decltype(value)>(prefix + topic, [value] { return value; }); });
   }
-  // Receives each value under `prefix` (then withdraws its subscriber, which refers to `log`): "received"
-  // when it arrives intact, "refused" when its type is not recognised.
+  // Receives each value under `prefix`: "received" when it arrives intact, "refused" when its type is not
+  // recognised. The subscribers stay on the board until the program's contract purges them.
   std::string receiveAll(const std::string& prefix) {
-    std::string log;
     forEachValue([&](const char* topic, auto expected) {
       try {
-        subscribe<decltype(expected)>(prefix + topic,
-                                      [&](const auto& got) { log += got == expected ? "received " : "garbled "; });
-        unsubscribe(prefix + topic);
+        subscribe<decltype(expected)>(
+            prefix + topic, [this, expected](const auto& got) { log += got == expected ? "received " : "garbled "; });
       } catch (const std::invalid_argument&) {
         log += "refused ";
       }
     });
     return log.substr(0, log.size() - 1);  // without the last space
   }
+  std::string log;
 };

@@ -3,7 +3,7 @@
 #include "cross/cross_contract.hpp"
 
 extern "C" __attribute__((visibility("default"))) std::string crossExchange() {
-  CrossContract contract(/*purge=*/false);  // the program's contract purges the shared name at its end
+  static CrossContract contract(/*purge=*/false);  // outlives its subscribers, which the program's contract purges
   std::string received = contract.receiveAll("ToPlugin:");
   contract.publishAll("FromPlugin:");
   return received;

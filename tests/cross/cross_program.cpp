@@ -1,6 +1,6 @@
 // Exchanges a host contract's topics with a plugin (argv[1]) that another compiler, or the same one without
 // RTTI, built against this library: each side receives what the other published, with its own types. Exits
-// 1 unless both sides logged argv[2].
+// 1 unless both sides logged argv[2]. Run by check_cross.cmake, which always passes both arguments.
 
 #include <dlfcn.h>
 
@@ -8,8 +8,7 @@
 
 #include "cross/cross_contract.hpp"
 
-int main(int argc, char** argv) {
-  if (argc != 3) return 2;
+int main(int, char** argv) {
   CrossContract contract(/*purge=*/true);
   contract.publishAll("ToPlugin:");
   void* plugin = dlopen(argv[1], RTLD_NOW | RTLD_LOCAL);

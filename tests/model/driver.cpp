@@ -114,7 +114,6 @@ class Driver {
       actAsSlot(*this, -1, index, slot, v);
       if (slot.owner >= 0 && owner.expired()) log += "its owner died while it ran ";
     };
-    const tessel::Signal<int>::Callback plain = act;
     const tessel::Signal<int>::ExtendedCallback self = [this, index, act](const tessel::Connection& own, int v) {
       if (own != handles_[index]) log += "handed another slot's connection ";
       act(v);
@@ -122,7 +121,7 @@ class Driver {
     const bool none = slot.kind == Kind::Empty;
     const auto connectWith = [&](const auto&... owner) {
       return slot.extended ? signal_->connectExtended(none ? nullptr : self, owner...)
-                           : signal_->connect(none ? nullptr : plain, owner...);
+                           : signal_->connect(none ? nullptr : tessel::Signal<int>::Callback(act), owner...);
     };
     handles_.push_back(slot.owner < 0 ? connectWith() : connectWith(owners_[slot.owner]));
   }
@@ -189,7 +188,6 @@ class Driver {
     Hook(const Hook& other) : Hook(other.driver, other.kind) {
       if (kind == 3) driver->cs_.setTcpPortsVector(driver->model_.ports);
     }
-    Hook& operator=(const Hook&) = delete;
     ~Hook() {
       if (kind == 3) driver->cs_.setTcpPortsVector(driver->model_.ports);
     }
