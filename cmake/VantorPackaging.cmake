@@ -48,10 +48,14 @@ endforeach()
 # CPack strips with a plain `strip`, which keeps the .comment and .note sections (the compiler's and
 # the toolchain's version strings). A packaged library is stripped as Debian's dh_strip does it, without
 # them. Only when stripping is asked for: a plain `cmake --install` leaves the library as built.
+set(vantor_installed_libdir "\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}")  # the prefix installed into
+if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
+  set(vantor_installed_libdir "${CMAKE_INSTALL_LIBDIR}")
+endif()
 install(CODE "
   if(CMAKE_INSTALL_DO_STRIP)
     execute_process(COMMAND \"${CMAKE_STRIP}\" --remove-section=.comment --remove-section=.note
-        \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/$<TARGET_FILE_NAME:vantor_message_board>\"
+        \"\$ENV{DESTDIR}${vantor_installed_libdir}/$<TARGET_FILE_NAME:vantor_message_board>\"
         COMMAND_ERROR_IS_FATAL ANY)
   endif()" COMPONENT Runtime)
 
