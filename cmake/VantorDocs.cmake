@@ -18,6 +18,69 @@ foreach(header IN LISTS vantor_public_headers)
 endforeach()
 list(APPEND vantor_docs_inputs ${vantor_version_header})
 
+# The guide for host developers (docs/guide.md) is a page of the reference too. It is written to be read
+# on a repository host, which gives each heading an anchor derived from its text, and its table of
+# contents links to those anchors; Doxygen 1.9 derives none. So Doxygen reads a copy, written here at
+# configure time, in which every heading outside a code block carries the id such a host derives (lower
+# case, punctuation other than hyphens and underscores dropped, spaces as hyphens) and the title the
+# page name `guide`. Links to files of the source tree become the code text they show, since those files
+# are not part of the HTML. The road not taken: ids written into the guide itself ({#id}), which a
+# repository host would print as they stand.
+set(vantor_guide ${CMAKE_CURRENT_SOURCE_DIR}/docs/guide.md)
+set(vantor_guide_page ${CMAKE_CURRENT_BINARY_DIR}/docs-input/guide.md)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${vantor_guide})
+
+function(vantor_guide_headings text out)  # text outside code blocks: ids on its headings
+  set(text "\n${text}\n")
+  string(REGEX MATCHALL "\n#+ [^\n]*" headings "${text}")
+  foreach(heading IN LISTS headings)
+    string(REGEX REPLACE "^\n" "" heading "${heading}")
+    string(REGEX MATCH "^(#+) (.*)$" heading "${heading}")
+    set(level ${CMAKE_MATCH_1})
+    string(TOLOWER "${CMAKE_MATCH_2}" id)
+    string(REGEX REPLACE "[^a-z0-9_ -]" "" id "${id}")
+    string(REPLACE " " "-" id "${id}")
+    if(level STREQUAL "#")
+      set(id guide)
+    endif()
+    string(REPLACE "\n${heading}\n" "\n${heading} {#${id}}\n" text "${text}")
+  endforeach()
+  string(REGEX REPLACE "\\[([^]\n]*)\\]\\(\\.\\./[^)\n]*\\)" "\\1" text "${text}")
+  string(REGEX REPLACE "^\n(.*)\n$" "\\1" text "${text}")
+  set(${out} "${text}" PARENT_SCOPE)
+endfunction()
+
+file(READ ${vantor_guide} rest)
+set(page "")
+while(NOT rest STREQUAL "")
+  # The text up to the next fenced code block, then the block as it is.
+  string(FIND "${rest}" "\n```" open)
+  if(open EQUAL -1)
+    vantor_guide_headings("${rest}" text)
+    string(APPEND page "${text}")
+    break()
+  endif()
+  math(EXPR open "${open} + 1")
+  string(SUBSTRING "${rest}" 0 ${open} text)
+  string(SUBSTRING "${rest}" ${open} -1 rest)
+  vantor_guide_headings("${text}" text)
+  string(APPEND page "${text}")
+  string(SUBSTRING "${rest}" 3 -1 after_open)
+  string(FIND "${after_open}" "\n```" close)
+  if(close EQUAL -1)
+    message(FATAL_ERROR "${vantor_guide}: a code block is not closed")
+  endif()
+  math(EXPR close "${close} + 3 + 4")
+  string(SUBSTRING "${rest}" 0 ${close} block)
+  string(SUBSTRING "${rest}" ${close} -1 rest)
+  string(APPEND page "${block}")
+endwhile()
+# Written through a copy, so that an unchanged guide leaves the page's time stamp alone.
+file(WRITE ${vantor_guide_page}.new "${page}")
+configure_file(${vantor_guide_page}.new ${vantor_guide_page} COPYONLY)
+file(REMOVE ${vantor_guide_page}.new)
+list(APPEND vantor_docs_inputs ${vantor_guide_page})
+
 set(DOXYGEN_PROJECT_NAME ${PROJECT_NAME})
 set(DOXYGEN_PROJECT_NUMBER ${PROJECT_VERSION})
 set(DOXYGEN_PROJECT_BRIEF "${PROJECT_DESCRIPTION}")

@@ -32,7 +32,9 @@ endif()
 # or time stamp, so that rebuilding gives the same bytes), in /usr/share/doc/<package>/.
 find_program(VANTOR_GZIP gzip REQUIRED)
 set(vantor_changelog_gz ${CMAKE_CURRENT_BINARY_DIR}/packaging/changelog.Debian.gz)
+# Only Ninja creates the directory of a custom command's output by itself; Makefiles do not.
 add_custom_command(OUTPUT ${vantor_changelog_gz}
+                   COMMAND ${CMAKE_COMMAND} -E make_directory ${CMAKE_CURRENT_BINARY_DIR}/packaging
                    COMMAND ${VANTOR_GZIP} -9nc ${vantor_debian_dir}/changelog > ${vantor_changelog_gz}
                    DEPENDS ${vantor_debian_dir}/changelog VERBATIM)
 add_custom_target(vantor_debian_changelog ALL DEPENDS ${vantor_changelog_gz})
@@ -42,6 +44,20 @@ foreach(component_package IN ITEMS "Runtime;${vantor_runtime_package}" "Developm
   install(FILES ${vantor_debian_dir}/copyright ${vantor_changelog_gz}
           DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${package} COMPONENT ${component})
 endforeach()
+
+# CPack strips with a plain `strip`, which keeps the .comment and .note sections (the compiler's and
+# the toolchain's version strings). A packaged library is stripped as Debian's dh_strip does it, without
+# them. Only when stripping is asked for: a plain `cmake --install` leaves the library as built.
+set(vantor_installed_libdir "\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}")  # the prefix installed into
+if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
+  set(vantor_installed_libdir "${CMAKE_INSTALL_LIBDIR}")
+endif()
+install(CODE "
+  if(CMAKE_INSTALL_DO_STRIP)
+    execute_process(COMMAND \"${CMAKE_STRIP}\" --remove-section=.comment --remove-section=.note
+        \"\$ENV{DESTDIR}${vantor_installed_libdir}/$<TARGET_FILE_NAME:vantor_message_board>\"
+        COMMAND_ERROR_IS_FATAL ANY)
+  endif()" COMPONENT Runtime)
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/packages)
@@ -72,10 +88,16 @@ set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${vantor_runtime_package})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
-# An ldconfig trigger, which Debian expects of a library package. CPack still adds its own ldconfig
-# calls to postinst and postrm (it cannot be told not to); replacing them with our own scripts would
-# leave empty maintainer scripts, which is no better.
+# An ldconfig trigger, which Debian expects of a library package instead of ldconfig calls in its
+# maintainer scripts. CPack adds such calls to a generated postinst and postrm anyway, for any library
+# under /usr/lib, and cannot be told not to; replacing them with our own scripts would leave empty
+# maintainer scripts, which is no better. So a post-build step packs the runtime package again without
+# the two (VantorDebianPostBuild.cmake), for `cpack` and scripts/package.sh alike.
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${vantor_debian_dir}/triggers)
+set(CPACK_POST_BUILD_SCRIPTS ${CMAKE_CURRENT_SOURCE_DIR}/cmake/VantorDebianPostBuild.cmake)
+# Contents compressed as dpkg-deb compresses them by default, so that the repacked runtime package
+# and the development package, which stays as CPack built it, are alike.
+set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
     "in-process message board, signals and cyber-security contract
 libvantor_message_board lets the components of one host process exchange

@@ -4,7 +4,8 @@
 set -euo pipefail
 
 packages=(
-  cmake ninja-build g++ clang libclang-rt-14-dev   # toolchains; clang's sanitizer and libFuzzer runtimes
+  cmake ninja-build make                             # both generators CI builds with (Ninja, Makefiles)
+  g++ clang libclang-rt-14-dev                       # toolchains; clang's sanitizer and libFuzzer runtimes
   libboost-dev                                       # boost::optional (and Boost.Signals2 for the benchmark)
   libgtest-dev libgmock-dev libbenchmark-dev         # tests and benchmarks
   libsigc++-3.0-dev                                  # a second signal library the benchmark compares with

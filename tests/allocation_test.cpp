@@ -10,13 +10,14 @@
 
 static thread_local long allocations = 0, failAt = 0;  // failAt: armed while not 0
 
-void* operator new(std::size_t size) {
+// Replaced at link time, so kept out of line: g++ would inline delete's free() beside an out-of-line new and warn.
+[[gnu::noinline]] void* operator new(std::size_t size) {
   if (++allocations == failAt) failAt = 0, throw std::bad_alloc();  // what unwinds may allocate
   if (void* memory = std::malloc(size == 0 ? 1 : size)) return memory;
   throw std::bad_alloc();
 }
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 
 class Logger {};
 Logger theLogger;

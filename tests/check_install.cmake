@@ -19,21 +19,33 @@ set(prefix ${WORK_DIR}/prefix)
 file(REMOVE_RECURSE ${WORK_DIR})
 run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
 
+# The SONAME carries the major version; the file name the whole version.
+string(REGEX MATCH "^[0-9]+" major "${VERSION}")
+set(soname libvantor_message_board.so.${major})
 set(libdir ${prefix}/${LIBDIR})
-foreach(file libvantor_message_board.so libvantor_message_board.so.13 libvantor_message_board.so.13.0.0
+foreach(file libvantor_message_board.so ${soname} libvantor_message_board.so.${VERSION}
              pkgconfig/vantor_message_board.pc cmake/vantor_message_board/vantor_message_board-config.cmake
              cmake/vantor_message_board/vantor_message_board-config-version.cmake)
   if(NOT EXISTS ${libdir}/${file})
     message(FATAL_ERROR "not installed: ${libdir}/${file}")
   endif()
 endforeach()
-execute_process(COMMAND readelf -d ${libdir}/libvantor_message_board.so.13.0.0 OUTPUT_VARIABLE dynamic)
-if(NOT dynamic MATCHES "Library soname: \\[libvantor_message_board\\.so\\.13\\]")
-  message(FATAL_ERROR "unexpected SONAME:\n${dynamic}")
+execute_process(COMMAND readelf -d ${libdir}/libvantor_message_board.so.${VERSION} OUTPUT_VARIABLE dynamic)
+string(REPLACE "." "\\." soname_pattern "${soname}")
+if(NOT dynamic MATCHES "Library soname: \\[${soname_pattern}\\]")
+  message(FATAL_ERROR "unexpected SONAME (expected ${soname}):\n${dynamic}")
+endif()
+
+# The consumer is built with Ninja where it is installed, and otherwise with CMake's default generator,
+# so that a build with Makefiles does not need Ninja for its tests.
+find_program(ninja NAMES ninja ninja-build)
+set(generator "")
+if(ninja)
+  set(generator -G Ninja)
 endif()
 
 # find_package() with the major version, as a consumer would ask for it.
-run(${CMAKE_COMMAND} -S ${SOURCE_DIR} -B ${WORK_DIR}/build -G Ninja -DCMAKE_CXX_COMPILER=${CXX}
+run(${CMAKE_COMMAND} -S ${SOURCE_DIR} -B ${WORK_DIR}/build ${generator} -DCMAKE_CXX_COMPILER=${CXX}
     -DCMAKE_PREFIX_PATH=${prefix})
 run(${CMAKE_COMMAND} --build ${WORK_DIR}/build)
 file(READ ${WORK_DIR}/build/found_version found)
