@@ -129,18 +129,18 @@ tessel::Connection CyberSecurityContract::connectSecurityTokenSignalWithHandle(c
 }
 
 tessel::Connection CyberSecurityContract::connectSecuredSignalWithHandle(const FlagCallback& callback,
-                                                                         std::weak_ptr<const void> owner) {
+                                                                         const std::weak_ptr<const void>& owner) {
   return connectTo(securedSignal_, callback, "CyberSecurityContract::connectSecuredSignalWithHandle", owner);
 }
 
-tessel::Connection CyberSecurityContract::connectNewCredentialsSignalWithHandle(const FlagCallback& callback,
-                                                                                std::weak_ptr<const void> owner) {
+tessel::Connection CyberSecurityContract::connectNewCredentialsSignalWithHandle(
+    const FlagCallback& callback, const std::weak_ptr<const void>& owner) {
   return connectTo(newCredentialsSignal_, callback, "CyberSecurityContract::connectNewCredentialsSignalWithHandle",
                    owner);
 }
 
 tessel::Connection CyberSecurityContract::connectSecurityTokenSignalWithHandle(const TokenCallback& callback,
-                                                                               std::weak_ptr<const void> owner) {
+                                                                               const std::weak_ptr<const void>& owner) {
   return connectTo(securityTokenSignal_, callback, "CyberSecurityContract::connectSecurityTokenSignalWithHandle",
                    owner);
 }

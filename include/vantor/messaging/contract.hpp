@@ -243,6 +243,7 @@ class VANTOR_MESSAGE_BOARD_API Contract {
   bool purgeOnDestroy_;
 };
 
+/// @cond INTERNAL
 // ---- implementation of the templates ------------------------------------------------------------
 
 template <typename T, typename G>
@@ -314,5 +315,7 @@ boost::optional<T> Contract::read(std::string fullKey, const char* operation) {
   if (getter->second.empty()) return boost::none;
   return getter->second.template get<T>();
 }
+
+/// @endcond
 
 }  // namespace vantor::messaging

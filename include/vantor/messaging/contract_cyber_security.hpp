@@ -160,15 +160,16 @@ class VANTOR_MESSAGE_BOARD_API CyberSecurityContract final : public Contract {
   /// an owner released on another thread meanwhile is destroyed only after the call returns (on the
   /// publishing thread, under the signal's lock: its destructor must not publish into this signal).
   /// This is how a component that may go away on any thread connects. Throws as connectSecuredSignal().
-  tessel::Connection connectSecuredSignalWithHandle(const FlagCallback& callback, std::weak_ptr<const void> owner);
+  tessel::Connection connectSecuredSignalWithHandle(const FlagCallback& callback,
+                                                    const std::weak_ptr<const void>& owner);
   /// connectNewCredentialsSignalWithHandle() tracked by `owner`, as connectSecuredSignalWithHandle()
   /// with an owner. Throws as connectSecuredSignal() does.
   tessel::Connection connectNewCredentialsSignalWithHandle(const FlagCallback& callback,
-                                                           std::weak_ptr<const void> owner);
+                                                           const std::weak_ptr<const void>& owner);
   /// connectSecurityTokenSignalWithHandle() tracked by `owner`, as connectSecuredSignalWithHandle()
   /// with an owner. Throws as connectSecuredSignal() does.
   tessel::Connection connectSecurityTokenSignalWithHandle(const TokenCallback& callback,
-                                                          std::weak_ptr<const void> owner);
+                                                          const std::weak_ptr<const void>& owner);
 
   // ---- security state
 
@@ -304,7 +305,7 @@ class VANTOR_MESSAGE_BOARD_API CyberSecurityContract final : public Contract {
 ///
 /// Each header's file description is its manual: what its types are for, which thread may call what,
 /// which lock each callback runs under and what it must not call, and how long things live. The
-/// [guide](guide.md) walks through the same ground with the threading rules and every error a host
+/// @ref guide "guide" walks through the same ground with the threading rules and every error a host
 /// can see on one page each.
 
 /// @namespace vantor
