@@ -1,5 +1,5 @@
 # Debian packages through CPack, one per install component:
-#   Runtime     -> libvantor-message-board13     the versioned shared object (.so.13 and .so.13.0.0)
+#   Runtime     -> libvantor-message-board13     the versioned shared object (.so.13 and .so.13.<minor>.<patch>)
 #   Development -> libvantor-message-board-dev   headers, the .so link, the CMake package and the .pc
 # The runtime package is named after the SONAME, as Debian's library packaging asks, so that a future
 # ABI version can be installed beside this one. Build with the `package` preset (prefix /usr, where
