@@ -85,7 +85,8 @@ inline void checkType(const StoredFunction& entry, const TypeKey& named, const c
 // entries always share one type (every operation that stores one checks the other first), so an entry
 // found in one map vouches for the other.
 template <typename T>
-BoardMap::iterator checkedEntry(BoardMap& entries, const BoardKey& key, const char* operation) {
+[[gnu::always_inline]] inline BoardMap::iterator checkedEntry(BoardMap& entries, const BoardKey& key,
+                                                              const char* operation) {
   const auto found = entries.find(key);
   if (found != entries.end()) checkType(found->second, typeKeyOf<T>, operation, key);
   return found;

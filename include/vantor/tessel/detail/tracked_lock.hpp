@@ -116,7 +116,10 @@ class VANTOR_SCOPED_CAPABILITY TrackedLock {
  public:
   // Throws std::system_error(resource_deadlock_would_occur), leaving `mutex` untouched, when the
   // calling thread already holds `mutex` or when waiting for it would close a cycle of waiting threads.
-  TrackedLock(TrackedMutex& mutex, const char* operation, std::string_view subject = {}) VANTOR_ACQUIRE(mutex)
+  // The fast path is always inlined (the slow ones never are), so that an uncontended lock costs what a
+  // std::lock_guard does, however large the operation that takes it grows.
+  [[gnu::always_inline]] TrackedLock(TrackedMutex& mutex, const char* operation, std::string_view subject = {})
+      VANTOR_ACQUIRE(mutex)
       : mutex_(mutex) {
     const std::thread::id self = std::this_thread::get_id();
     if (mutex.holder_.load(std::memory_order_relaxed) == self) throwReentry(mutex, operation, subject);
@@ -128,10 +131,10 @@ class VANTOR_SCOPED_CAPABILITY TrackedLock {
   TrackedLock(const TrackedLock&) = delete;
   TrackedLock& operator=(const TrackedLock&) = delete;
 
-  ~TrackedLock() VANTOR_RELEASE() { unlock(); }
+  [[gnu::always_inline]] ~TrackedLock() VANTOR_RELEASE() { unlock(); }
 
   // Releases the mutex early; the destructor then does nothing.
-  void unlock() noexcept VANTOR_RELEASE() {
+  [[gnu::always_inline]] void unlock() noexcept VANTOR_RELEASE() {
     if (!owns_) return;
     owns_ = false;
     mutex_.holder_.store(std::thread::id(), std::memory_order_relaxed);
