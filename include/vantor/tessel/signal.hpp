@@ -153,9 +153,9 @@ struct TrackedOwner {
 // What connect() allocates for each slot: the Status that the walk reads, followed by the state from
 // which `blocked` is derived and, for a tracked slot, its owners. block()/unblock() and
 // ConnectionBlockers change `blocks` from any thread in any order, and the slot is blocked while it is
-// non-zero. The owners are fixed before the slot is published, and only a tracked slot's own callback
-// (see Signal::keepingOwners) and the operations that are no delivery read them: the walk over plain
-// slots never does, and a plain slot's Status stays within the allocator's smallest block.
+// non-zero. The owners are fixed before the slot is published; a tracked slot's own callback (see
+// Signal::keepingOwners), Connection::connected(), connect() and slotCount() read them, but a delivery's
+// walk never does, and a plain slot's Status stays within the allocator's smallest block.
 struct SlotState : Connection::Status {
   static constexpr std::uint32_t kBlockCalled = 1;  // block() is in force
   static constexpr std::uint32_t kOneBlocker = 2;   // added per living ConnectionBlocker
@@ -354,7 +354,8 @@ class Signal {
 
   /// connect() for a slot tracked by `owners` (each a std::shared_ptr or std::weak_ptr of any type,
   /// held weakly): once any owner has expired, the slot is never called again and counts as
-  /// disconnected (connected() is false, the next walk erases it); a slot connected with an owner that
+  /// disconnected (connected() is false; the next connect() erases it, and so does the delivery after
+  /// the first one that reaches it); a slot connected with an owner that
   /// has already expired (or is empty) is never called. While the callback runs, the delivery keeps
   /// every owner alive: an owner released meanwhile, on any thread, is destroyed only after the call
   /// returns, on the emitting thread and under the mutex. Throws what connect() throws.
