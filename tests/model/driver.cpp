@@ -56,16 +56,18 @@ class Driver {
       bytes_.insert(bytes_.begin(), {24, 0, 0, 0, 24, 0, 0, 1, 19, 0, 0, 0, 19, 3, 0, 0, 18, 0, 1, 0});
     } else {
       cs_.setTcpPortsVector(std::vector<int>(model_.ports)), cs_.updateSecured(false);
-      cs_.updateSecurityToken(boost::none), cs_.setUserActivityLogger({}), cs_.setRegisterConnectonCallback({});
+      cs_.updateSecurityToken(boost::none);
       model_.updateSecured(false), model_.updateSecurityToken(std::nullopt);  // which leaves both getters stored
     }
     for (int index = 0; index < 3; ++index) contracts_[index] = std::make_unique<TestContract>(kNames[index]);
   }
 
+  // Unsets the hooks at the end, since they point to this driver: none is destroyed once it is gone.
   std::string run() {
     while (pos_ < bytes_.size() && failure_.empty()) {
       if (operation() && failure_.empty()) step("emit after a failure", [](auto& api) { api.emit(0); });
     }
+    cs_.setUserActivityLogger({}), cs_.setRegisterConnectonCallback({});
     return failure_;
   }
 

@@ -153,11 +153,10 @@ class Model {
   std::optional<int> token;
   std::vector<int> ports{17161, 17168, 17171, 17172, 17175, 17176, 17178};
   std::vector<std::pair<int, Slot>> contractSlots[3];  // id and slot
-  int hooks[2] = {0, 0};                               // none, recorder or thrower
+  int hooks[2] = {0, 0}, scoped = -1;                  // hooks: none, recorder or thrower; scoped: a slot or -1
   std::vector<Slot> slots;   // every slot ever connected to the signal, by handle index: in connection order
   std::vector<bool> owners;  // whether each owner that tracked slots were connected with is still alive
   std::vector<std::pair<int, bool>> blockers;  // slot, and whether it counted
-  int scoped = -1;
 
   // A getter for the key, but never an empty one.
   const Getter* liveGetter(const std::string& key) const {
