@@ -72,17 +72,19 @@ struct WaitRegistry {
   WaitRecord* waiting = nullptr;  // guarded by mutex: every thread blocked on a TrackedMutex
 };
 
-#if defined(VANTOR_TESSEL_STANDALONE)
-inline WaitRegistry& waitRegistry() noexcept {
-  static WaitRegistry ownModule;
-  return ownModule;
-}
-#else
+#if !defined(VANTOR_TESSEL_STANDALONE)
 // The process's registry, defined by libvantor_message_board.
 __attribute__((visibility("default"))) WaitRegistry* processWaitRegistry() noexcept;
-
-inline WaitRegistry& waitRegistry() noexcept { return *processWaitRegistry(); }
 #endif
+
+inline WaitRegistry& waitRegistry() noexcept {
+#if defined(VANTOR_TESSEL_STANDALONE)
+  static WaitRegistry ownModule;
+  return ownModule;
+#else
+  return *processWaitRegistry();
+#endif
+}
 
 // A non-recursive mutex that knows its holder and its name. Locked only through TrackedLock.
 class VANTOR_CAPABILITY("mutex") TrackedMutex {
