@@ -1,8 +1,9 @@
 // Components that go away while the security state keeps changing, and the two ways to let them go:
 //
 //   SessionGate  lives in a std::shared_ptr and may be destroyed on any thread, also while another thread
-//                publishes. It connects its callback tracked by itself: a call that is running keeps the
-//                gate alive until it returns, and no call starts once the gate is gone.
+//                publishes. It connects its callbacks (secured flag, new credentials, token) tracked by
+//                itself: a call that is running keeps the gate alive until it returns, and no call starts
+//                once the gate is gone.
 //   StatusLine   lives and dies on the thread that publishes (or while nothing publishes). A
 //                ScopedConnection member is enough: it disconnects the callback when the line goes.
 //   a one-shot   connected with connectExtended(), a callback receives its own connection and
@@ -12,6 +13,8 @@
 
 #include <vantor/messaging/contract_cyber_security.hpp>
 
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <cstdio>
 #include <memory>
@@ -30,21 +33,26 @@ class SessionGate {
   // the gate is alive and keeps it so.
   static std::shared_ptr<SessionGate> open(CyberSecurityContract& security) {
     auto gate = std::make_shared<SessionGate>();
-    gate->connection_ =
-        security.connectSecuredSignalWithHandle([raw = gate.get()](bool secured) { raw->onSecured(secured); }, gate);
+    SessionGate* raw = gate.get();
+    gate->connections_[0] =
+        security.connectSecuredSignalWithHandle([raw](bool secured) { raw->use(), raw->secured_ = secured; }, gate);
+    gate->connections_[1] = security.connectNewCredentialsSignalWithHandle([raw](bool) { raw->use(); }, gate);
+    gate->connections_[2] = security.connectSecurityTokenSignalWithHandle(
+        [raw](const CyberSecurityContract::OptionalToken& token) { raw->use(), raw->tokenTag_ = token->front(); },
+        gate);
     return gate;
   }
   ~SessionGate() { open_ = false; }
-  const vantor::tessel::Connection& connection() const { return connection_; }
+  const std::array<vantor::tessel::Connection, 3>& connections() const { return connections_; }
 
  private:
-  void onSecured(bool secured) {
+  void use() const {
     if (!open_) ++usedAfterClosing;
-    requireCredentials_ = secured;
   }
   std::atomic<bool> open_{true};
-  std::atomic<bool> requireCredentials_{false};
-  vantor::tessel::Connection connection_;  // a plain handle: the tracking does the disconnecting
+  std::atomic<bool> secured_{false};
+  std::atomic<unsigned char> tokenTag_{0};
+  std::array<vantor::tessel::Connection, 3> connections_;  // plain handles: the tracking disconnects them
 };
 
 class StatusLine {
@@ -66,12 +74,17 @@ int main() try {
   // A security thread publishes while this thread opens gates and drops them again.
   std::atomic<bool> done{false};
   std::thread publisher([&] {
-    for (bool secured = true; !done; secured = !secured) security.updateSecured(secured);
+    for (unsigned char round = 0; !done; ++round) {
+      security.updateSecured(round % 2 == 0), security.updateAboutNewCreds();
+      security.updateSecurityToken(CyberSecurityContract::Token{round});
+    }
   });
-  vantor::tessel::Connection lastGate;
-  for (int i = 0; i < 2000; ++i) lastGate = SessionGate::open(security)->connection();  // dropped at once
+  std::array<vantor::tessel::Connection, 3> lastGate;
+  for (int i = 0; i < 2000; ++i) lastGate = SessionGate::open(security)->connections();  // the gate is dropped at once
   done = true;
   publisher.join();
+  const bool lastGateDisconnected =
+      std::none_of(lastGate.begin(), lastGate.end(), [](const auto& connection) { return connection.connected(); });
   std::printf("gates opened and dropped while publishing: 2000, used after closing: %d\n", usedAfterClosing.load());
 
   int noticesSeen = 0;
@@ -93,7 +106,7 @@ int main() try {
   std::printf("the one-shot alert saw: %s; slots left: %zu\n", firstAlert.c_str(), alerts.slotCount());
 
   const bool asExpected =
-      usedAfterClosing == 0 && !lastGate.connected() && noticesSeen == 2 && firstAlert == "intrusion" && alerts.empty();
+      usedAfterClosing == 0 && lastGateDisconnected && noticesSeen == 2 && firstAlert == "intrusion" && alerts.empty();
   std::printf("%s\n", asExpected ? "every component went away cleanly" : "a component outlived its callback");
   return asExpected ? 0 : 1;
 } catch (const std::exception& error) {
