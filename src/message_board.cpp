@@ -7,6 +7,7 @@
 #include <type_traits>
 
 #include "vantor/messaging/contract.hpp"
+#include "vantor/tessel/connection.hpp"
 
 namespace vantor::tessel::detail {
 
@@ -17,6 +18,10 @@ WaitRegistry* processWaitRegistry() noexcept {
   return &registry;
 }
 static_assert(std::is_trivially_destructible_v<WaitRegistry>);
+
+// The same for the signals whose lock holders must let go of disconnected slots (connection.hpp).
+ReleaseRegistry processReleaseRegistry;
+static_assert(std::is_trivially_destructible_v<ReleaseRegistry>);
 
 }  // namespace vantor::tessel::detail
 

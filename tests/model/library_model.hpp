@@ -30,7 +30,9 @@ namespace vantor::model {
 //              then log again, from the state of the callable they withdrew)
 //   Query      logs get() of its own key, or isIpSecured() of its address for a pair
 //   SetPorts   sets the contract's ports to {-1, 17161};   Connect  connects to the secured signal
-//   Reenter    calls its own signal, or publishes the contract topic that feeds its own signal
+//   Reenter    calls its own signal (emits value + 2 below 2, connects an empty slot, or disconnects all);
+//              on the secured signal publishes true after false, else connects a recorder to it; on the
+//              new-credentials signal connects a recorder to it; on the token signal publishes 1 after 0
 //   Flag       disconnects (action 0), blocks (1) or unblocks (2) slot `target` of its signal (an extended
 //              slot's target is itself, reached through the connection it is handed)
 //   Drop       drops the test's reference to owner `target`, from inside the emission
@@ -43,11 +45,9 @@ enum class Source { Logged, Fixed, Empty, Throw, Reenter, Secured, Token };
 // Test contracts whose names are prefixes of each other; "Q:a"'s topic "b" is "Q"'s topic "a:b".
 const std::string kNames[] = {"Q", "Qu", "Q:a"}, kIp = "CyberSecurity:IP:";
 const char* const kBoardLock = "the message board's lock";
-// The contract's own topics, the operations that publish them, and the locks of the signals they feed.
+// The contract's own topics, and the operations that publish them.
 const std::string kOwnKeys[] = {"CyberSecurity:Secured", "CyberSecurity:NewCredentials", "CyberSecurity:SecurityToken"};
 const char* const kOperations[] = {"updateSecured", "updateAboutNewCreds", "updateSecurityToken"};
-const char* const kSignalLocks[] = {"the secured signal's lock", "the new-credentials signal's lock",
-                                    "the security token signal's lock"};
 
 struct Getter {
   Source source;
@@ -129,12 +129,12 @@ void actAsSlot(Api& api, int signal, int id, const Slot& slot, int value) {
   if (slot.kind == Kind::Query) api.log += entry('q', id, api.isIpSecured("a"));
   if (slot.kind == Kind::Drop) api.releaseOwner(slot.target);
   if (slot.kind != Kind::Reenter) return;
-  if (signal < 0 && slot.action == 0) api.emit(value);
+  if (signal < 0 && slot.action == 0 && value < 2) api.emit(value + 2);
   if (signal < 0 && slot.action == 1) api.connect({Kind::Empty});
   if (signal < 0 && slot.action == 2) api.disconnectAll();
-  if (signal == 0) api.updateSecured(value != 0);
-  if (signal == 1) api.updateAboutNewCreds();
-  if (signal == 2) api.updateSecurityToken(api.securityToken());
+  if (signal == 0) value == 0 ? api.updateSecured(true) : api.connectContract(0, id + 1000, {Kind::Record});
+  if (signal == 1) api.connectContract(1, id + 1000, {Kind::Record});
+  if (signal == 2 && value == 0) api.updateSecurityToken(1);
 }
 
 class Model {
@@ -166,7 +166,7 @@ class Model {
   }
   bool mismatches(const Topic& topic) const { return board.count(topic.key()); }  // any entry fixes the type
   bool blocked(const Slot& slot) const { return slot.blocked || slot.blockers > 0; }
-  // Disconnected, or tracked by an owner that has expired: never called again, erased by the next walk.
+  // Disconnected, or tracked by an owner that has expired: never called again.
   bool gone(const Slot& slot) const { return slot.disconnected || (slot.owner >= 0 && !owners[slot.owner]); }
   bool connected(const Slot& slot) const { return !slot.erased && !gone(slot); }
 
@@ -196,30 +196,31 @@ class Model {
   }
 
   // ---- the signal ----------------------------------------------------------------------------------
+  // Slots run nested inside an emission of the signal (emitting_ counts the levels). Only the outermost
+  // operation erases; a disconnection made inside leaves every gone slot to the outermost emission's end.
   void connect(const Slot& slot) {
     if (slot.owner == static_cast<int>(owners.size())) owners.push_back(true);  // made before connecting
-    lockSignal("Signal::connect");
-    for (Slot& old : slots) old.erased |= gone(old);
+    if (!emitting_) eraseGone();
     slots.push_back(slot);
   }
-  // The pending-slot walk: a live slot runs only once the next live one has been judged, and then only
-  // if it has not gone meanwhile. A tracked slot reached after its owner expired is marked disconnected.
+  // Each slot that was there when the emission began is judged right before its call; a tracked slot
+  // reached after its owner expired is marked disconnected instead.
   void emit(int value) {
-    lockSignal("Signal::emit");
-    Held held(emitting_);
-    int pending = -1;
-    for (int index = 0; index < static_cast<int>(slots.size()); ++index) {
-      Slot& slot = slots[index];
-      slot.erased |= slot.disconnected;  // the walk erases the disconnected slots it passes
-      if (slot.erased || blocked(slot)) continue;
-      if (pending >= 0) invoke(pending, value);
-      pending = index;
+    const Leaving leaving{*this};
+    const Held held(emitting_);
+    const int count = static_cast<int>(slots.size());
+    for (int index = 0; index < count; ++index) {
+      if (slots[index].erased) continue;
+      if (slots[index].disconnected) {
+        slots[index].erased = emitting_ == 1;  // the outermost walk erases the disconnected slots it passes
+      } else if (!blocked(slots[index])) {
+        invoke(index, value);
+      }
     }
-    if (pending >= 0) invoke(pending, value);
   }
   void setFlag(int index, int action) {
     if (index >= static_cast<int>(slots.size()) || slots[index].erased) return;
-    if (action == 0) slots[index].disconnected = true;
+    if (action == 0) slots[index].disconnected = true, emitting_ ? void(pendingRelease_ = true) : eraseGone();
     if (action > 0) slots[index].blocked = action == 1;
   }
   // Blockers count: the slot is blocked while any of them lives.
@@ -237,8 +238,10 @@ class Model {
     scoped = index;
   }
   void disconnectAll() {
-    lockSignal("Signal::disconnectAll");
-    for (Slot& slot : slots) slot.erased = true;
+    for (Slot& slot : slots) {
+      if (!emitting_) slot.erased = true;
+      if (!slot.erased) slot.disconnected = pendingRelease_ = true;
+    }
   }
   void rebuildSignal() { disconnectAll(); }  // destroys the signal, whose handles live on, and builds it anew
   void releaseOwner(int index) {
@@ -276,8 +279,16 @@ class Model {
   void lockBoard(const char* operation) const {
     if (boardHeld_) fail("deadlock", operation, kBoardLock);
   }
-  void lockSignal(const char* operation) const {
-    if (emitting_) fail("deadlock", operation, "a signal's lock");
+  // On the outermost emission's way out, also when it raised: lets go of every gone slot if a slot was
+  // disconnected inside it.
+  struct Leaving {
+    Model& model;
+    ~Leaving() {
+      if (std::exchange(model.pendingRelease_, false)) model.eraseGone();
+    }
+  };
+  void eraseGone() {
+    for (Slot& slot : slots) slot.erased |= gone(slot);
   }
 
   void publish(const std::string& key, Getter getter, const char* operation) {
@@ -307,17 +318,16 @@ class Model {
   void deliver(const Sub& sub, int value) {
     if (sub.kind == Kind::Empty) fail("empty");
     if (sub.kind != Kind::Own) return actAsSubscriber(*this, sub, value);
-    if (contractEmitting_[sub.id]) fail("deadlock", kOperations[sub.id], kSignalLocks[sub.id]);
-    Held held(contractEmitting_[sub.id]);
     for (const auto& [id, slot] : std::vector(contractSlots[sub.id])) actAsSlot(*this, sub.id, id, slot, value);
   }
   void invoke(int index, int value) {
-    if (gone(slots[index])) return static_cast<void>(slots[index].disconnected = true);
+    if (gone(slots[index])) return static_cast<void>(slots[index].disconnected = true);  // its owner expired
     if (slots[index].kind == Kind::Empty) fail("empty");
     actAsSlot(*this, -1, index, Slot(slots[index]), value);
   }
 
-  int boardHeld_ = 0, emitting_ = 0, contractEmitting_[3] = {};
+  int boardHeld_ = 0, emitting_ = 0;
+  bool pendingRelease_ = false;
 };
 
 // Replays a byte string as a sequence of operations, each on the model and then on the library, and

@@ -5,7 +5,8 @@
 //
 // The board and every signal run user callbacks while their (non-recursive) mutex is held. Two kinds
 // of mistake in those callbacks would otherwise freeze threads for good:
-//  - re-entry: a callback calls back into the lock it runs under, so its thread waits for itself;
+//  - re-entry: a callback calls back into the lock it runs under, so its thread waits for itself (the
+//    board's lock refuses it; a signal's lock lets it nest instead, see NestingLock below);
 //  - a cycle: thread A holds lock 1 and waits for lock 2 while thread B holds lock 2 and waits for
 //    lock 1 (or a longer ring of threads), for example two signals whose callbacks emit each other.
 // A TrackedLock refuses to wait in both cases and throws
@@ -58,6 +59,7 @@ namespace vantor::tessel::detail {
 
 class TrackedMutex;
 class TrackedLock;
+class NestingLock;
 
 // A thread that waits, or is about to wait, for `waitsFor`. Lives on that thread's stack for the
 // duration of the wait.
@@ -101,6 +103,7 @@ class VANTOR_CAPABILITY("mutex") TrackedMutex {
 
  private:
   friend class TrackedLock;
+  friend class NestingLock;
 
   std::mutex mutex_;
   // Written only by the thread that holds mutex_: its id right after locking, the default id right
@@ -144,6 +147,8 @@ class VANTOR_SCOPED_CAPABILITY TrackedLock {
   }
 
  private:
+  friend class NestingLock;
+
   // The slow path: `mutex` is held by another thread.
   [[gnu::noinline]] static void waitFor(TrackedMutex& mutex, std::thread::id self, const char* operation,
                                         std::string_view subject) {
@@ -221,6 +226,61 @@ class VANTOR_SCOPED_CAPABILITY TrackedLock {
 
   TrackedMutex& mutex_;
   bool owns_ = true;
+};
+
+// Locks a TrackedMutex for a scope like TrackedLock, except on a thread that already holds it: there
+// it takes nothing and the caller runs nested inside the outer hold, which alone releases the mutex.
+// Signals lock this way, so that code they run under their lock may call them again; the board does
+// not (its callbacks must not call it). Waiting, and the error for a cycle of waiting threads, are
+// TrackedLock's.
+class VANTOR_SCOPED_CAPABILITY NestingLock {
+ public:
+  [[gnu::always_inline]] NestingLock(TrackedMutex& mutex, const char* operation) VANTOR_ACQUIRE(mutex)
+      : mutex_(mutex) {
+    const std::thread::id self = std::this_thread::get_id();
+    if (mutex.holder_.load(std::memory_order_relaxed) == self) return;  // nested: the outer hold owns it
+    if (!mutex.mutex_.try_lock()) TrackedLock::waitFor(mutex, self, operation, {});
+    take(self, operation);
+  }
+
+  // Takes the mutex only if it is free: never waits and never nests (a thread that holds the mutex must
+  // not call this; it would be undefined for the std::mutex inside). outermost() tells whether it did.
+  NestingLock(TrackedMutex& mutex, const char* operation, std::try_to_lock_t) noexcept VANTOR_ACQUIRE(mutex)
+      : mutex_(mutex) {
+    if (mutex.mutex_.try_lock()) take(std::this_thread::get_id(), operation);
+  }
+
+  NestingLock(const NestingLock&) = delete;
+  NestingLock& operator=(const NestingLock&) = delete;
+
+  [[gnu::always_inline]] ~NestingLock() VANTOR_RELEASE() { unlock(); }
+
+  // True when this lock took the mutex (and so releases it), false when it runs nested or a try failed.
+  bool outermost() const noexcept { return owns_; }
+
+  // Tries once more to take the mutex, after a try that failed. Returns outermost().
+  bool tryAgain(const char* operation) noexcept {
+    if (!owns_ && mutex_.mutex_.try_lock()) take(std::this_thread::get_id(), operation);
+    return owns_;
+  }
+
+  // Releases the mutex if this lock took it; the destructor then does nothing.
+  [[gnu::always_inline]] void unlock() noexcept VANTOR_RELEASE() {
+    if (!owns_) return;
+    owns_ = false;
+    mutex_.holder_.store(std::thread::id(), std::memory_order_relaxed);
+    mutex_.mutex_.unlock();
+  }
+
+ private:
+  [[gnu::always_inline]] void take(std::thread::id self, const char* operation) noexcept {
+    mutex_.holder_.store(self, std::memory_order_relaxed);
+    mutex_.holderOperation_ = operation;
+    owns_ = true;
+  }
+
+  TrackedMutex& mutex_;
+  bool owns_ = false;
 };
 
 }  // namespace vantor::tessel::detail
