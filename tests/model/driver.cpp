@@ -110,9 +110,9 @@ class Driver {
 
   void connect(const Slot& slot) {
     const int index = static_cast<int>(handles_.size());
-    if (slot.owner == static_cast<int>(owners_.size())) owners_.push_back(std::make_shared<int>());
+    if (slot.owner == static_cast<int>(owners_.size())) owners_.push_back(std::make_shared<Owner>(this, slot.owner));
     // A tracked slot's owner lives until its call returns, also when the call releases the test's reference.
-    const auto act = [this, index, slot, owner = slot.owner < 0 ? std::weak_ptr<int>() : owners_[slot.owner]](int v) {
+    const auto act = [this, index, slot, owner = slot.owner < 0 ? std::weak_ptr<Owner>() : owners_[slot.owner]](int v) {
       actAsSlot(*this, -1, index, slot, v);
       if (slot.owner >= 0 && owner.expired()) log += "its owner died while it ran ";
     };
@@ -130,7 +130,8 @@ class Driver {
   void releaseOwner(int index) {
     if (index < static_cast<int>(owners_.size())) owners_[index].reset();
   }
-  void emit(int value) { signal_->emit(value); }
+  void emit(int value) { (*signal_)(value); }
+  std::size_t slotCount() const { return signal_->slotCount(); }
   void setFlag(int index, int action) {
     if (index >= static_cast<int>(handles_.size())) return;
     if (action == 0) handles_[index].disconnect();
@@ -181,6 +182,15 @@ class Driver {
   }
 
  private:
+  struct Owner {
+    Driver* driver;
+    int index;
+    Owner(Driver* of, int at) : driver(of), index(at) {}
+    Owner(const Owner&) = delete;
+    Owner& operator=(const Owner&) = delete;
+    ~Owner() { ownerDied(*driver, index); }
+  };
+
   // A host hook that records its calls, throws (kind 2), or whose copy constructor and destructor call
   // the contract (kind 3), which must never copy or destroy a hook while it holds a lock of its own.
   struct Hook {
@@ -336,7 +346,7 @@ class Driver {
   std::unique_ptr<TestContract> contracts_[3];
   std::optional<tessel::Signal<int>> signal_{std::in_place};
   std::vector<tessel::Connection> handles_;
-  std::vector<std::shared_ptr<int>> owners_;
+  std::vector<std::shared_ptr<Owner>> owners_;
   std::vector<std::unique_ptr<tessel::ConnectionBlocker>> blockers_;
   tessel::ScopedConnection scoped_;
   std::vector<tessel::ScopedConnection> owned_;

@@ -16,8 +16,10 @@
 // Each operation appends the callbacks it makes to `log`, and the model throws Failure exactly where the
 // library throws. runOperations(), at the end, is the driver's entry point.
 
+#include <algorithm>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -36,6 +38,8 @@ namespace vantor::model {
 //   Flag       disconnects (action 0), blocks (1) or unblocks (2) slot `target` of its signal (an extended
 //              slot's target is itself, reached through the connection it is handed)
 //   Drop       drops the test's reference to owner `target`, from inside the emission
+// A tracked slot's owner, when it is destroyed, logs the signal's slot count and disconnects the slot whose
+// index is its own (ownerDied), on whichever thread and inside whichever call destroys it.
 //   Own        the contract's own subscriber: emits on contract signal `id`
 enum class Kind { Record, Empty, Throw, Echo, Withdraw, Replace, Query, SetPorts, Connect, Reenter, Flag, Own, Drop };
 // What a getter returns: a logged or a silent fixed value, nothing, an exception, a re-entry into the
@@ -132,9 +136,16 @@ void actAsSlot(Api& api, int signal, int id, const Slot& slot, int value) {
   if (signal < 0 && slot.action == 0 && value < 2) api.emit(value + 2);
   if (signal < 0 && slot.action == 1) api.connect({Kind::Empty});
   if (signal < 0 && slot.action == 2) api.disconnectAll();
+  if (signal < 0) api.log += entry('n', id, static_cast<int>(api.slotCount()));
   if (signal == 0) value == 0 ? api.updateSecured(true) : api.connectContract(0, id + 1000, {Kind::Record});
   if (signal == 1) api.connectContract(1, id + 1000, {Kind::Record});
   if (signal == 2 && value == 0) api.updateSecurityToken(1);
+}
+
+template <typename Api>
+void ownerDied(Api& api, int owner) {
+  api.log += entry('d', owner, static_cast<int>(api.slotCount()));
+  api.setFlag(owner, 0);
 }
 
 class Model {
@@ -244,8 +255,19 @@ class Model {
     }
   }
   void rebuildSignal() { disconnectAll(); }  // destroys the signal, whose handles live on, and builds it anew
+  // An owner that a running call keeps alive dies when the last such call returns.
   void releaseOwner(int index) {
-    if (index < static_cast<int>(owners.size())) owners[index] = false;
+    if (index >= static_cast<int>(owners.size()) || !owners[index] || dropped_.count(index)) return;
+    dropped_.insert(index);
+    dieIfFree(index);
+  }
+  void dieIfFree(int owner) {
+    if (!dropped_.count(owner) || std::count(kept_.begin(), kept_.end(), owner) != 0) return;
+    dropped_.erase(owner), owners[owner] = false;
+    ownerDied(*this, owner);
+  }
+  std::size_t slotCount() const {
+    return static_cast<std::size_t>(std::count_if(slots.begin(), slots.end(), [&](auto& s) { return connected(s); }));
   }
 
   // ---- the contract --------------------------------------------------------------------------------
@@ -322,10 +344,24 @@ class Model {
   }
   void invoke(int index, int value) {
     if (gone(slots[index])) return static_cast<void>(slots[index].disconnected = true);  // its owner expired
-    if (slots[index].kind == Kind::Empty) fail("empty");
-    actAsSlot(*this, -1, index, Slot(slots[index]), value);
+    const Slot slot = slots[index];
+    struct Keep {  // the call keeps its owner alive until it returns
+      Model& model;
+      int owner;
+      ~Keep() {
+        if (owner < 0) return;
+        model.kept_.erase(std::find(model.kept_.rbegin(), model.kept_.rend(), owner).base() - 1);
+        model.dieIfFree(owner);
+      }
+    };
+    if (slot.owner >= 0) kept_.push_back(slot.owner);
+    const Keep keep{*this, slot.owner};
+    if (slot.kind == Kind::Empty) fail("empty");
+    actAsSlot(*this, -1, index, slot, value);
   }
 
+  std::vector<int> kept_;   // the owners that the running calls keep alive, innermost last
+  std::set<int> dropped_;  // owners whose last reference the test dropped while a call kept them
   int boardHeld_ = 0, emitting_ = 0;
   bool pendingRelease_ = false;
 };

@@ -246,10 +246,13 @@ struct TrackedSlotState final : SlotState {
 // Holds a tracked slot's owners alive for one call, under the signal's mutex. False when one has
 // expired (its control block says so: an owner that stores a null pointer is alive); then the slot is
 // marked disconnected. An owner whose last other reference went meanwhile is destroyed by the
-// destructor, on this thread, once the call has returned.
+// destructor, on this thread, once the call has returned. A call of the slot nested inside another call
+// of it (the slot emitted its own signal) finds the owners kept already, and leaves them to the outer one.
 class KeptOwners {
  public:
-  explicit KeptOwners(SlotState& slot) noexcept : slot_(slot) {
+  explicit KeptOwners(SlotState& slot) noexcept
+      : slot_(slot), outer_(slot.ownerCount != 0 && slot.owners[0].kept.use_count() == 0) {
+    if (!outer_) return;
     for (std::uint32_t i = 0; i < slot.ownerCount; ++i) {
       slot.owners[i].kept = slot.owners[i].watched.lock();
       alive_ = alive_ && slot.owners[i].kept.use_count() != 0;
@@ -259,12 +262,14 @@ class KeptOwners {
   KeptOwners(const KeptOwners&) = delete;
   KeptOwners& operator=(const KeptOwners&) = delete;
   ~KeptOwners() {
+    if (!outer_) return;
     for (std::uint32_t i = 0; i < slot_.ownerCount; ++i) slot_.owners[i].kept.reset();
   }
   explicit operator bool() const noexcept { return alive_; }
 
  private:
   SlotState& slot_;
+  const bool outer_;  // false inside another call of the same slot, which keeps the owners
   bool alive_ = true;
 };
 
