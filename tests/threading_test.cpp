@@ -37,16 +37,30 @@ TEST(Board, NewSubscriberGetsTheCurrentValueFirstAndThenMissesNoLaterPublication
 
 // Also components that own their slots (tracked) and go away on a third thread, maybe while their slot
 // runs: no slot ever runs once its component's destruction has begun (its weak pointer would then read
-// expired), and no slot outlives its component.
+// expired), and no slot outlives its component. And slots disconnected on the second thread while the
+// first emits, nested emissions included: each is let go of by the time the emitting thread has left the
+// signal, and at once for disconnectAndWait().
 TEST(Signal, FlagsBlockersAndConnectsFromOtherThreadsWhileOneEmitsLoseNothing) {
   tessel::Signal<int> signal;
-  std::atomic<int> steady{0}, toggled{0}, usedAfterDestruction{0};
-  signal.connect([&](int) { ++steady; });
+  std::atomic<int> steady{0}, toggled{0}, usedAfterDestruction{0}, keptAfterWait{0};
+  std::vector<std::weak_ptr<int>> disconnected;  // what the disconnected slots' callbacks held
+  signal.connect([&](int value) {
+    ++steady;
+    if (value > 0 && value % 16 == 0) signal.emit(-value);  // a nested emission
+  });
   const tessel::Connection toggledSlot = signal.connect([&](int) { ++toggled; });
   runTogether(3, [&](std::size_t index) {
     for (int i = 0; i < kRounds; ++i) {
       if (index == 0) signal.emit(i);
-      if (index == 1) tessel::ConnectionBlocker blocker(toggledSlot);
+      if (index == 1) {
+        tessel::ConnectionBlocker blocker(toggledSlot);
+        auto held = std::make_shared<int>();
+        disconnected.push_back(held);
+        const tessel::Connection slot = signal.connect([held](int) {});
+        held.reset();
+        i % 2 ? slot.disconnect() : slot.disconnectAndWait();
+        keptAfterWait += i % 2 == 0 && !disconnected.back().expired();
+      }
       const auto component = std::make_shared<int>();  // its only owner goes at the end of the round
       const auto use = [weak = std::weak_ptr<int>(component), &usedAfterDestruction](int) {
         usedAfterDestruction += weak.expired();
@@ -55,9 +69,12 @@ TEST(Signal, FlagsBlockersAndConnectsFromOtherThreadsWhileOneEmitsLoseNothing) {
     }
     if (index == 1) toggledSlot.disconnect();
   });
+  EXPECT_EQ(keptAfterWait, 0) << "disconnectAndWait() returns once the slot's callback is destroyed";
+  EXPECT_TRUE(std::all_of(disconnected.begin(), disconnected.end(), [](auto& held) { return held.expired(); }))
+      << "every disconnected slot was let go of without another operation of the signal";
   const int toggledBefore = toggled;
   signal.emit(-1);
-  EXPECT_EQ(steady, kRounds + 1);
+  EXPECT_EQ(steady, kRounds + (kRounds - 1) / 16 + 1);
   EXPECT_EQ(toggled, toggledBefore) << "a slot disconnected before an emission began is not invoked";
   EXPECT_EQ(usedAfterDestruction, 0);
   EXPECT_EQ(signal.slotCount(), 1u) << "only the steady slot is left";

@@ -69,8 +69,9 @@ class Connection {
   inline void disconnect() const noexcept;
 
   /// disconnect(), then waits until the signal has let go of the slot: no call of it runs any more and
-  /// nothing of it is left (its callback object is destroyed). Call it before the code of a slot goes
-  /// away (a plugin is unloaded).
+  /// nothing of it is left (its callback object is destroyed, its owners' weak references released, its
+  /// Status freed). Call it before the code of a slot goes away (a plugin is unloaded), while no other
+  /// thread uses a Connection of the same slot.
   /// @throws std::system_error (resource_deadlock_would_occur) when called from code that the slot's
   ///         signal runs under its lock on this thread (that slot or another): the wait could never end.
   ///         The slot is disconnected all the same.
@@ -295,16 +296,16 @@ void Connection::disconnect() const noexcept {
 }
 
 void Connection::disconnectAndWait() const {
+  // Holding the Status until the signal has let go of it (its reference is then the only other one)
+  // makes the last release, and with it the release of the owners' weak references, happen here.
+  const auto status = status_.lock();
+  if (!status) return;
+  detail::SlotState& slot = detail::stateOf(*status);
+  slot.disconnected.store(true, std::memory_order_release);
   for (unsigned round = 0;; ++round) {
-    {
-      const auto status = status_.lock();
-      if (!status) return;
-      detail::SlotState& slot = detail::stateOf(*status);
-      slot.disconnected.store(true, std::memory_order_release);
-      const char* lockName = nullptr;
-      if (slot.release(&lockName) == detail::Release::kInside) detail::throwWaitInside(lockName);
-    }
-    if (status_.expired()) return;
+    const char* lockName = nullptr;
+    if (slot.release(&lockName) == detail::Release::kInside) detail::throwWaitInside(lockName);
+    if (status.use_count() == 1) return;
     // Another thread holds the signal's lock and lets go of the slot on its way out, or a Connection
     // operation on another thread holds the Status for a moment.
     if (round < 64) {

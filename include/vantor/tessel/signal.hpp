@@ -331,8 +331,8 @@ class Signal {
     while (!slots_.empty()) {
       std::list<Slot> erased;
       erased.splice(erased.end(), slots_);
-      for (const Slot& slot : erased) detail::stateOf(*slot.second).signal.store(nullptr, std::memory_order_release);
-    }  // callback objects are destroyed here, on this thread; slots they connect meanwhile go in the next round
+      for (Slot& slot : erased) cut(slot);
+    }  // the Statuses are freed here; slots connected meanwhile by the callbacks' destructors go next round
   }
 
   [[noreturn, gnu::noinline]] void throwDestroyedInside() const {
@@ -342,12 +342,19 @@ class Signal {
     throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur), message);
   }
 
-  // Erases one entry: the slot's way back to the signal is cut first, then its callback object is
-  // destroyed and its Status freed (unless a Connection operation holds it for a moment).
+  // Erases one entry: cut(), then its Status is freed (unless a Connection operation holds it for a
+  // moment, as disconnectAndWait() does on purpose).
   void erase(typename std::list<Slot>::iterator entry) VANTOR_REQUIRES(mutex_) {
-    detail::stateOf(*entry->second).signal.store(nullptr, std::memory_order_release);
     std::list<Slot> erased;
     erased.splice(erased.end(), slots_, entry);
+    cut(erased.front());
+  }
+  // The first steps of erasing an entry already out of the list: cuts the slot's way back to the signal,
+  // then destroys its callback object, so that both are done before the Status can be freed (which is
+  // what disconnectAndWait() waits for).
+  static void cut(Slot& slot) noexcept {
+    detail::stateOf(*slot.second).signal.store(nullptr, std::memory_order_release);
+    slot.first = nullptr;
   }
 
   // Erases every slot that is gone (disconnected, or an owner expired). Outermost holder only.
