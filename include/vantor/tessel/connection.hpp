@@ -133,9 +133,10 @@ enum class Release {
 // adds the signal here, then tries the lock once more; every outermost holder of a signal's lock, once it
 // has unlocked, reads `pending` and, if it is not zero, takes `mutex` and lets go of the slots of its
 // signal if it is listed and its lock is free. Of the Connection's second try and the holder's read one
-// always sees the other's write, so no listed signal is forgotten: the holder's unlock is a locked
-// instruction (a full barrier) on the processors we build for, and the Connection's add is followed by a
-// fence. A signal is listed once however many slots wait, and the one who lets go walks the whole list.
+// always sees the other's write, so no listed signal is forgotten: both the holder's unlock and the
+// Connection's add (a sequentially consistent read-modify-write of `pending`) are locked instructions,
+// that is full barriers, on the processors we build for. A signal is listed once however many slots
+// wait, and the one who lets go walks the whole list.
 // Entries are plain addresses, compared and never followed, except under `mutex` while listed: a signal
 // unlists itself under `mutex` in its destructor, so one found listed is alive.
 struct ReleaseRegistry {
@@ -154,7 +155,7 @@ struct ReleaseRegistry {
     }
     if (free == nullptr) return false;
     *free = signal;
-    pending.fetch_add(1, std::memory_order_relaxed);
+    pending.fetch_add(1, std::memory_order_seq_cst);  // a full barrier before the caller's second try
     return true;
   }
   // Unlists `signal`; true when it was listed. Caller holds `mutex`.

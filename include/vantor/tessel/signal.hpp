@@ -402,7 +402,6 @@ class Signal {
     detail::NestingLock lock(signal.mutex_, "Connection::disconnect", std::try_to_lock);
     if (!lock.outermost()) {
       if (!registry.add(&signal)) return detail::Release::kDeferred;  // full: the next walk erases it
-      std::atomic_thread_fence(std::memory_order_seq_cst);
       if (!lock.tryAgain("Connection::disconnect")) return detail::Release::kDeferred;
     }
     registry.take(&signal);
