@@ -275,20 +275,18 @@ class Signal {
   // whatever a callback throws; either ends the walk.
   template <typename... A>
   void walk(bool outermost, A&&... args) VANTOR_REQUIRES(mutex_) {
-    if (slots_.empty()) return;
-    const auto last = std::prev(slots_.end());
-    for (auto it = slots_.begin();;) {
-      const bool final = it == last;
-      const auto next = std::next(it);
-      const Connection::Status& status = *it->second;
+    // The first `left` entries are the ones to walk: later ones are appended behind them, and only this
+    // walk erases (entries it has passed).
+    auto it = slots_.begin();
+    for (std::size_t left = slots_.size(); left != 0; --left) {
+      const auto entry = it++;
+      const Connection::Status& status = *entry->second;
       if (status.disconnected.load(std::memory_order_acquire)) {
-        if (outermost) erase(it);
+        if (outermost) erase(entry);
       } else if (!status.blocked.load(std::memory_order_acquire)) {
-        if (final) return it->first(std::forward<A>(args)...);
-        it->first(args...);
+        if (left == 1) return entry->first(std::forward<A>(args)...);
+        entry->first(args...);
       }
-      if (final) return;
-      it = next;
     }
   }
 
