@@ -3,15 +3,17 @@
 //
 //   display  owns a ScopedConnection: the slot stays connected while the display exists;
 //   alarm    keeps a Connection, and is silenced for a while by a ConnectionBlocker;
-//   logger   keeps a Connection too, and disconnects itself once it has logged two readings.
+//   logger   is connected with connectExtended(), so that it receives its own Connection, and
+//            disconnects itself once it has logged two readings;
+//   a member function of a component held by a std::shared_ptr, which tracks the slot.
 //
-// Last, it shows the one thing a slot must not do: call into its own signal, which the signal refuses
-// with an error instead of deadlocking.
+// Last, slots that call their own signal: a countdown that emits itself again, and a slot that connects a
+// one-shot slot, which the next emission (not the running one) calls once.
 
 #include <vantor/tessel/signal.hpp>
 
 #include <cstdio>
-#include <system_error>
+#include <memory>
 
 namespace {
 
@@ -21,7 +23,8 @@ class Thermostat {
   vantor::tessel::Connection onReading(const vantor::tessel::Signal<double>::Callback& slot) {
     return readings_.connect(slot);
   }
-  void measured(double celsius) { readings_.emit(celsius); }
+  vantor::tessel::Signal<double>& readings() { return readings_; }
+  void measured(double celsius) { readings_(celsius); }
 
  private:
   vantor::tessel::Signal<double> readings_;
@@ -36,16 +39,22 @@ class Display {
   vantor::tessel::ScopedConnection slot_;  // disconnects when the display goes away
 };
 
+struct Statistics {
+  void add(double celsius) { std::printf("  stats    reading %d: %.1f C\n", ++count, celsius); }
+  int count = 0;
+};
+
 }  // namespace
 
 int main() try {
   Thermostat thermostat;
-  vantor::tessel::Connection logger;
   int logged = 0;
-  logger = thermostat.onReading([&logger, &logged](double celsius) {
+  thermostat.readings().connectExtended([&logged](const vantor::tessel::Connection& self, double celsius) {
     std::printf("  logger   %.1f C\n", celsius);
-    if (++logged == 2) logger.disconnect();  // a Connection may be used from inside its own slot
+    if (++logged == 2) self.disconnect();  // its own Connection, handed to it before any call
   });
+  const auto statistics = std::make_shared<Statistics>();
+  thermostat.readings().connect(&Statistics::add, statistics);  // tracked: gone with the last reference
   const vantor::tessel::Connection alarm = thermostat.onReading([](double celsius) {
     if (celsius > 25.0) std::printf("  alarm    too warm: %.1f C\n", celsius);
   });
@@ -63,14 +72,20 @@ int main() try {
 
   vantor::tessel::Signal<int> countdown;
   countdown.connect([&countdown](int remaining) {
-    if (remaining > 0) countdown.emit(remaining - 1);  // refused: the signal is emitting on this thread
+    std::printf("countdown %d\n", remaining);
+    if (remaining > 0) countdown.emit(remaining - 1);  // a nested emission, on this thread
   });
-  try {
-    countdown.emit(3);
-  } catch (const std::system_error& error) {
-    std::printf("refused: %s\n", error.what());
-  }
-  return 0;
+  countdown.connectExtended([&countdown](const vantor::tessel::Connection& self, int remaining) {
+    if (remaining != 3) return;
+    self.disconnect();
+    countdown.connectExtended([](const vantor::tessel::Connection& once, int value) {  // a one-shot slot
+      std::printf("one-shot slot called with %d\n", value);
+      once.disconnect();
+    });
+  });
+  countdown.emit(3);  // 3 2 1 0; the one-shot slot is not called by the emissions already running
+  countdown.emit(9);  // 9 ... 0, and the one-shot slot once, by the innermost emission (0), which reaches it first
+  return countdown.slotCount() == 1 ? 0 : 1;
 } catch (const std::exception& error) {  // any other error
   std::printf("failed: %s\n", error.what());
   return 1;

@@ -360,7 +360,7 @@ class Model {
     actAsSlot(*this, -1, index, slot, value);
   }
 
-  std::vector<int> kept_;   // the owners that the running calls keep alive, innermost last
+  std::vector<int> kept_;  // the owners that the running calls keep alive, innermost last
   std::set<int> dropped_;  // owners whose last reference the test dropped while a call kept them
   int boardHeld_ = 0, emitting_ = 0;
   bool pendingRelease_ = false;

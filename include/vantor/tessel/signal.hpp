@@ -122,8 +122,7 @@ class Signal {
   /// connect() for the member function `method` of `object`: a raw pointer (not tracked: the object
   /// must outlive the slot), or a std::shared_ptr or std::weak_ptr, which also tracks the slot as
   /// connect() with an owner does. Throws what connect() throws.
-  template <typename Method, typename Object,
-            typename = std::enable_if_t<std::is_member_function_pointer_v<Method>>>
+  template <typename Method, typename Object, typename = std::enable_if_t<std::is_member_function_pointer_v<Method>>>
   Connection connect(Method method, const Object& object) {
     if constexpr (std::is_pointer_v<Object>) {
       return connect([method, object](Args... args) { (object->*method)(std::forward<Args>(args)...); });
@@ -335,8 +334,8 @@ class Signal {
 
   [[noreturn, gnu::noinline]] void throwDestroyedInside() const {
     std::string message("Signal::~Signal would wait for ");
-    message.append(mutex_.name()).append(
-        ", which this thread holds: a signal cannot be destroyed by code that it runs under its lock");
+    message.append(mutex_.name())
+        .append(", which this thread holds: a signal cannot be destroyed by code that it runs under its lock");
     throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur), message);
   }
 

@@ -235,8 +235,7 @@ class VANTOR_SCOPED_CAPABILITY TrackedLock {
 // TrackedLock's.
 class VANTOR_SCOPED_CAPABILITY NestingLock {
  public:
-  [[gnu::always_inline]] NestingLock(TrackedMutex& mutex, const char* operation) VANTOR_ACQUIRE(mutex)
-      : mutex_(mutex) {
+  [[gnu::always_inline]] NestingLock(TrackedMutex& mutex, const char* operation) VANTOR_ACQUIRE(mutex) : mutex_(mutex) {
     const std::thread::id self = std::this_thread::get_id();
     if (mutex.holder_.load(std::memory_order_relaxed) == self) return;  // nested: the outer hold owns it
     if (!mutex.mutex_.try_lock()) TrackedLock::waitFor(mutex, self, operation, {});
