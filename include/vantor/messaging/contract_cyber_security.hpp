@@ -33,12 +33,12 @@
 /// updateSecurityToken (a copy taken meanwhile could mix bytes); copySecurityToken() has no such limit.
 ///
 /// Callbacks connected to the three signals run holding that signal's lock and not the board lock.
-/// Such a callback may call any operation except the one that feeds its own signal and the connect
-/// operations of its own signal: those throw `std::system_error(resource_deadlock_would_occur)` naming
-/// the operation and the signal ("CyberSecurityContract::updateSecured would wait for the secured
-/// signal's lock, which this thread already holds ..."). A callback of one signal that publishes into
-/// another is fine while no other thread does the opposite at the same time; if one does, the thread
-/// that closes the cycle gets the same error instead of both hanging. A callback given to
+/// Such a callback may call any operation, also the one that feeds its own signal (a nested emission on
+/// this thread, which calls every slot of the signal before the running one goes on) and the connect
+/// operations of its own signal (the new slot is called from the next emission on), as
+/// vantor/tessel/signal.hpp describes. A callback of one signal that publishes into another is fine
+/// while no other thread does the opposite at the same time; if one does, the thread that closes the
+/// cycle gets `std::system_error(resource_deadlock_would_occur)` instead of both hanging. A callback given to
 /// subscribeToIpPortAllowed runs outside the board lock for publications, but under it for the initial
 /// delivery of its subscription; during that initial delivery an operation that takes the board lock
 /// (updates, (un)subscriptions, isIpSecured while secured) throws the same error, and so does a
@@ -102,13 +102,13 @@ class VANTOR_MESSAGE_BOARD_API CyberSecurityContract final : public Contract {
   using Token = std::array<unsigned char, 32>;
   /// A token or none. Given to updateSecurityToken(), none clears the token.
   using OptionalToken = boost::optional<Token>;
-  /// A callback of one flag. On the secured or new-credentials signal it runs under that signal's lock
-  /// and must not publish into that signal or connect to it (both throw `std::system_error`). Given to
+  /// A callback of one flag. On the secured or new-credentials signal it runs under that signal's lock,
+  /// and may publish into that signal or connect to it (both nest on this thread). Given to
   /// subscribeToIpPortAllowed() it runs outside the board lock, except for its initial delivery, which
   /// runs under it: then it must call no operation that takes the board lock, nor connect.
   using FlagCallback = std::function<void(bool)>;
-  /// A token callback. Runs under the token signal's lock: it must not call updateSecurityToken() nor
-  /// connect to the token signal (both throw `std::system_error`). It always receives an engaged
+  /// A token callback. Runs under the token signal's lock; it may call updateSecurityToken() and connect
+  /// to the token signal (both nest on this thread). It always receives an engaged
   /// optional, 32 zero bytes for a cleared token; the copy it receives is the host's to wipe.
   using TokenCallback = std::function<void(OptionalToken)>;
   /// Returns the host's user-activity Logger (a class the host defines in the global namespace; the
@@ -130,9 +130,9 @@ class VANTOR_MESSAGE_BOARD_API CyberSecurityContract final : public Contract {
   /// Adds `callback` to the secured signal for the contract's lifetime (the process's): it receives
   /// every later published secured flag, under the secured signal's mutex; earlier values are not
   /// replayed. Each call adds a slot.
-  /// @throws std::system_error (resource_deadlock_would_occur) when called from a callback of this
-  ///         signal, from code that runs under the board lock (a getter, an initial delivery), or
-  ///         when waiting for its lock would close a lock cycle; nothing is connected.
+  /// @throws std::system_error (resource_deadlock_would_occur) when called from code that runs under
+  ///         the board lock (a getter, an initial delivery), or when waiting for its lock would close a
+  ///         lock cycle; nothing is connected. From a callback of this signal it nests.
   /// @throws std::bad_alloc when the slot cannot be allocated.
   void connectSecuredSignal(const FlagCallback& callback);
   /// Adds `callback` to the new-credentials signal for the contract's lifetime: it receives true at
@@ -158,7 +158,7 @@ class VANTOR_MESSAGE_BOARD_API CyberSecurityContract final : public Contract {
   /// std::weak_ptr of any type converts): once the owner has expired, the callback is never called
   /// again and its Connection reads disconnected; while the callback runs, the owner is kept alive, so
   /// an owner released on another thread meanwhile is destroyed only after the call returns (on the
-  /// publishing thread, under the signal's lock: its destructor must not publish into this signal).
+  /// publishing thread, under the signal's lock: its destructor may call this signal, nested).
   /// This is how a component that may go away on any thread connects. Throws as connectSecuredSignal().
   tessel::Connection connectSecuredSignalWithHandle(const FlagCallback& callback,
                                                     const std::weak_ptr<const void>& owner);
@@ -175,8 +175,8 @@ class VANTOR_MESSAGE_BOARD_API CyberSecurityContract final : public Contract {
 
   /// Stores the flag, then publishes it on "Secured"; returns after the secured signal's callbacks have
   /// run on this thread. Every call publishes, also an unchanged flag.
-  /// @throws std::system_error (resource_deadlock_would_occur) when called from a secured-signal
-  ///         callback or under the board lock, or when a wait would close a lock cycle.
+  /// @throws std::system_error (resource_deadlock_would_occur) when called under the board lock, or
+  ///         when a wait would close a lock cycle. From a secured-signal callback it nests.
   /// @throws std::bad_function_call when the signal reaches an empty callback.
   /// @throws std::bad_alloc on allocation failure. What a callback throws passes through. In every
   ///         case the flag stays stored, and so does the getter once it was published.
