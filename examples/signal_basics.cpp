@@ -53,7 +53,7 @@ int main() try {
     std::printf("  logger   %.1f C\n", celsius);
     if (++logged == 2) self.disconnect();  // its own Connection, handed to it before any call
   });
-  const auto statistics = std::make_shared<Statistics>();
+  auto statistics = std::make_shared<Statistics>();
   thermostat.readings().connect(&Statistics::add, statistics);  // tracked: gone with the last reference
   const vantor::tessel::Connection alarm = thermostat.onReading([](double celsius) {
     if (celsius > 25.0) std::printf("  alarm    too warm: %.1f C\n", celsius);
@@ -69,6 +69,10 @@ int main() try {
   }
   std::printf("27.0 C, the display gone, the logger done after two readings, the alarm back:\n");
   thermostat.measured(27.0);
+  const bool statisticsSawAll = statistics->count == 3;
+  statistics.reset();  // its slot is never called again
+  std::printf("28.0 C, the statistics gone too:\n");
+  thermostat.measured(28.0);
 
   vantor::tessel::Signal<int> countdown;
   countdown.connect([&countdown](int remaining) {
@@ -85,7 +89,7 @@ int main() try {
   });
   countdown.emit(3);  // 3 2 1 0; the one-shot slot is not called by the emissions already running
   countdown.emit(9);  // 9 ... 0, and the one-shot slot once, by the innermost emission (0), which reaches it first
-  return countdown.slotCount() == 1 ? 0 : 1;
+  return statisticsSawAll && countdown.slotCount() == 1 ? 0 : 1;
 } catch (const std::exception& error) {  // any other error
   std::printf("failed: %s\n", error.what());
   return 1;
