@@ -160,6 +160,7 @@ struct ReleaseRegistry {
   }
   // Unlists `signal`; true when it was listed. Caller holds `mutex`.
   bool take(const void* signal) noexcept {
+    if (pending.load(std::memory_order_relaxed) == 0) return false;
     for (const void*& entry : signals) {
       if (entry != signal) continue;
       entry = nullptr;
@@ -169,6 +170,7 @@ struct ReleaseRegistry {
     return false;
   }
   bool listed(const void* signal) const noexcept {
+    if (pending.load(std::memory_order_relaxed) == 0) return false;
     for (const void* entry : signals)
       if (entry == signal) return true;
     return false;

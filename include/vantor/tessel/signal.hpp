@@ -341,7 +341,7 @@ class Signal {
 
   // Erases one entry: cut(), then its Status is freed (unless a Connection operation holds it for a
   // moment, as disconnectAndWait() does on purpose).
-  void erase(typename std::list<Slot>::iterator entry) VANTOR_REQUIRES(mutex_) {
+  [[gnu::noinline]] void erase(typename std::list<Slot>::iterator entry) VANTOR_REQUIRES(mutex_) {
     std::list<Slot> erased;
     erased.splice(erased.end(), slots_, entry);
     cut(erased.front());
