@@ -34,22 +34,28 @@ key-retyped-by-update @@ include/vantor/messaging/contract.hpp @@     detail::ch
 null-getter-called @@ include/vantor/messaging/contract.hpp @@ value{detail::invokeOrThrow(getter)}; @@ value{getter()};
 moved-from-callable-still-owns-it @@ include/vantor/messaging/detail/stored_function.hpp @@     other.ops_ = nullptr;  // its function now lives here @@ 
 walk-erases-blocked-slots @@ include/vantor/tessel/signal.hpp @@       if (status.disconnected.load(std::memory_order_acquire)) { @@       if (status.disconnected.load(std::memory_order_acquire) || status.blocked.load(std::memory_order_acquire)) {
-walk-invokes-a-slot-when-judged @@ include/vantor/tessel/signal.hpp @@         pending = it; @@         invoke(*it, args...);
-walk-never-invokes-the-last-live-slot @@ include/vantor/tessel/signal.hpp @@     if (pending != slots_.end()) invoke(*pending, std::forward<A>(args)...); @@ 
-disconnect-waits-for-the-next-walk @@ include/vantor/tessel/signal.hpp @@     if (!slot.second->disconnected.load(std::memory_order_acquire)) slot.first(std::forward<A>(args)...); @@     slot.first(std::forward<A>(args)...);
-expired-owner-reads-connected @@ include/vantor/tessel/signal.hpp @@ if (owners[i].watched.expired()) return true; @@ if (owners[i].watched.expired() && false) return true;
-expired-owner-still-called @@ include/vantor/tessel/signal.hpp @@       alive_ = alive_ && slot.owners[i].kept; @@       alive_ = true;
+nested-walk-erases @@ include/vantor/tessel/signal.hpp @@         if (outermost) erase(entry); @@         erase(entry);
+walk-never-calls-the-last-slot @@ include/vantor/tessel/signal.hpp @@         if (left == 1) return entry->first(std::forward<A>(args)...); @@         if (left == 1) return;
+nested-call-releases-the-outer-calls-owners @@ include/vantor/tessel/connection.hpp @@ outer_(slot.ownerCount != 0 && slot.owners[0].kept.use_count() == 0) @@ outer_(true)
+expired-owner-reads-connected @@ include/vantor/tessel/connection.hpp @@ if (owners[i].watched.expired()) return true; @@ if (owners[i].watched.expired() && false) return true;
+expired-owner-still-called @@ include/vantor/tessel/connection.hpp @@       alive_ = alive_ && slot.owners[i].kept.use_count() != 0; @@       alive_ = true;
+null-owner-taken-for-expired @@ include/vantor/tessel/connection.hpp @@       alive_ = alive_ && slot.owners[i].kept.use_count() != 0; @@       alive_ = alive_ && slot.owners[i].kept;
 owner-not-kept-alive-while-its-slot-runs @@ include/vantor/tessel/signal.hpp @@       const detail::KeptOwners kept(slot);\n      if (kept) callback(std::forward<Args>(args)...); @@       if (!slot.ownerGone()) callback(std::forward<Args>(args)...);
 extended-slot-handed-no-connection @@ include/vantor/tessel/signal.hpp @@ self = Connection(status)] @@ self = Connection()]
-slot-count-includes-disconnected-slots @@ include/vantor/tessel/signal.hpp @@ connected += detail::stateOf(slot).gone() ? 0 : 1; @@ connected += 1;
-connect-keeps-disconnected-slots @@ include/vantor/tessel/signal.hpp @@ it = detail::stateOf(*it).gone() ? slots_.erase(it) : std::next(it); @@ it = std::next(it);
+slot-count-includes-disconnected-slots @@ include/vantor/tessel/signal.hpp @@ connected += detail::stateOf(*slot.second).gone() ? 0 : 1; @@ connected += 1;
+connect-keeps-disconnected-slots @@ include/vantor/tessel/signal.hpp @@     if (hold.outermost()) eraseGone(); @@ 
 connect-prepends @@ include/vantor/tessel/signal.hpp @@ slots_.emplace_back(std::move(callback), std::move(status)); @@ slots_.emplace_front(std::move(callback), std::move(status));
 connect-prepends @@ include/vantor/tessel/signal.hpp @@ return Connection(slots_.back().second); @@ return Connection(slots_.front().second);
-emit-keeps-the-lock-when-a-slot-throws @@ include/vantor/tessel/signal.hpp @@     detail::TrackedLock lock(mutex_, operation);\n    deliver(std::forward<A>(args)...); @@     auto* lock = new detail::TrackedLock(mutex_, operation);\n    deliver(std::forward<A>(args)...);\n    delete lock;
-blockers-not-counted @@ include/vantor/tessel/signal.hpp @@ blocks.fetch_add(detail::SlotState::kOneBlocker); @@ blocks.fetch_or(detail::SlotState::kOneBlocker);
-scoped-assignment-keeps-the-old-slot @@ include/vantor/tessel/signal.hpp @@       connection_.disconnect(); @@ 
-lock-holder-never-cleared @@ include/vantor/tessel/detail/tracked_lock.hpp @@     mutex_.holder_.store(std::thread::id(), std::memory_order_relaxed); @@ 
+emit-keeps-the-lock-when-a-slot-throws @@ include/vantor/tessel/signal.hpp @@     const Hold hold(*this, operation);\n    walk(hold.outermost(), std::forward<A>(args)...); @@     auto* hold = new Hold(*this, operation);\n    walk(hold->outermost(), std::forward<A>(args)...);\n    delete hold;
+disconnect-leaves-the-slot-to-the-next-walk @@ include/vantor/tessel/connection.hpp @@     const char* lockName = nullptr;\n    slot.release(&lockName);\n  }\n} @@   }\n}
+holder-forgets-the-listed-signal @@ include/vantor/tessel/signal.hpp @@     if (detail::releaseRegistry().pending.load(std::memory_order_relaxed) != 0) releasePending(); @@ 
+wait-ends-before-the-callback-is-destroyed @@ include/vantor/tessel/signal.hpp @@     slot.first = nullptr;\n @@ 
+disconnect-all-inside-keeps-calling @@ include/vantor/tessel/signal.hpp @@     for (const Slot& slot : slots_) slot.second->disconnected.store(true, std::memory_order_release); @@ 
+blockers-not-counted @@ include/vantor/tessel/connection.hpp @@ blocks.fetch_add(detail::SlotState::kOneBlocker); @@ blocks.fetch_or(detail::SlotState::kOneBlocker);
+scoped-assignment-keeps-the-old-slot @@ include/vantor/tessel/connection.hpp @@       connection_.disconnect();\n      connection_ = other.release(); @@       connection_ = other.release();
+lock-holder-never-cleared @@ include/vantor/tessel/detail/tracked_lock.hpp @@   // Releases the mutex early; the destructor then does nothing.\n  [[gnu::always_inline]] void unlock() noexcept VANTOR_RELEASE() {\n    if (!owns_) return;\n    owns_ = false;\n    mutex_.holder_.store(std::thread::id(), std::memory_order_relaxed); @@   // Releases the mutex early; the destructor then does nothing.\n  [[gnu::always_inline]] void unlock() noexcept VANTOR_RELEASE() {\n    if (!owns_) return;\n    owns_ = false;
 reentry-not-detected @@ include/vantor/tessel/detail/tracked_lock.hpp @@     if (mutex.holder_.load(std::memory_order_relaxed) == self) throwReentry(mutex, operation, subject); @@ 
+signal-lock-does-not-nest @@ include/vantor/tessel/detail/tracked_lock.hpp @@     if (mutex.holder_.load(std::memory_order_relaxed) == self) return;  // nested: the outer hold owns it @@ 
 cycle-not-detected @@ include/vantor/tessel/detail/tracked_lock.hpp @@       if (holder == self) return length; @@       if (holder == self) return 0;
 registry-referenced-weakly @@ include/vantor/tessel/detail/tracked_lock.hpp @@ __attribute__((visibility("default"))) WaitRegistry* processWaitRegistry() noexcept; @@ __attribute__((weak, visibility("default"))) WaitRegistry* processWaitRegistry() noexcept;
 wrong-default-port @@ src/contract_cyber_security.cpp @@ 17176, 17178} @@ 17176, 17177}

@@ -125,7 +125,10 @@ class Driver {
       return slot.extended ? signal_->connectExtended(none ? nullptr : self, owner...)
                            : signal_->connect(none ? nullptr : tessel::Signal<int>::Callback(act), owner...);
     };
-    handles_.push_back(slot.owner < 0 ? connectWith() : connectWith(owners_[slot.owner]));
+    if (slot.owner < 0) return handles_.push_back(connectWith());
+    // An extended slot's owner shares the owner's control block but stores a null pointer: alive all the same.
+    handles_.push_back(slot.extended ? connectWith(std::shared_ptr<Owner>(owners_[slot.owner], nullptr))
+                                     : connectWith(owners_[slot.owner]));
   }
   void releaseOwner(int index) {
     if (index < static_cast<int>(owners_.size())) owners_[index].reset();
