@@ -32,7 +32,8 @@ namespace vantor::model {
 //              then log again, from the state of the callable they withdrew)
 //   Query      logs get() of its own key, or isIpSecured() of its address for a pair
 //   SetPorts   sets the contract's ports to {-1, 17161};   Connect  connects to the secured signal
-//   Reenter    calls its own signal (emits value + 2 below 2, connects an empty slot, or disconnects all);
+//   Reenter    calls its own signal (emits value + 2 below 2, catching what it throws after 0; connects an
+//              empty slot; or disconnects all) and logs the slot count;
 //              on the secured signal publishes true after false, else connects a recorder to it; on the
 //              new-credentials signal connects a recorder to it; on the token signal publishes 1 after 0
 //   Flag       disconnects (action 0), blocks (1) or unblocks (2) slot `target` of its signal (an extended
@@ -133,7 +134,14 @@ void actAsSlot(Api& api, int signal, int id, const Slot& slot, int value) {
   if (slot.kind == Kind::Query) api.log += entry('q', id, api.isIpSecured("a"));
   if (slot.kind == Kind::Drop) api.releaseOwner(slot.target);
   if (slot.kind != Kind::Reenter) return;
-  if (signal < 0 && slot.action == 0 && value < 2) api.emit(value + 2);
+  if (signal < 0 && slot.action == 0 && value == 1) api.emit(value + 2);
+  if (signal < 0 && slot.action == 0 && value == 0) {
+    try {  // the emission below this one goes on
+      api.emit(value + 2);
+    } catch (...) {
+      api.log += "caught ";
+    }
+  }
   if (signal < 0 && slot.action == 1) api.connect({Kind::Empty});
   if (signal < 0 && slot.action == 2) api.disconnectAll();
   if (signal < 0) api.log += entry('n', id, static_cast<int>(api.slotCount()));
