@@ -1,7 +1,7 @@
 #pragma once
 
 // Shared pieces of vantor_bench, the one benchmark program of the library: the callback every
-// contender calls, the heap accounting, and the registry of the ratios printed after the run.
+// contender calls (count_true.hpp), the heap accounting, and the registry of the ratios printed after the run.
 //
 // Everything here is used from the benchmark threads that Google Benchmark starts. The registries
 // (ratios, extra figures) are filled while benchmarks are registered or run one at a time; they take
@@ -15,15 +15,9 @@
 #include <string>
 #include <vector>
 
-namespace vantor_bench {
+#include "count_true.hpp"  // CountTrue, the callback of every contender
 
-// The callback body of every contender: counts the true values it is handed. It writes through a
-// pointer, so the optimiser cannot drop the call, and it is one pointer wide, so every library keeps it
-// in its small-object buffer and nobody pays an allocation for it.
-struct CountTrue {
-  long* count;
-  void operator()(bool value) const { *count += value ? 1 : 0; }
-};
+namespace vantor_bench {
 
 // Net heap bytes (as malloc_usable_size counts them, so allocator rounding is included) allocated
 // minus freed through operator new/delete on any thread while the window is open. Counting happens

@@ -23,7 +23,8 @@ set ytics ("10" 10, "20" 20, "50" 50, "100" 100, "200" 200, "500" 500, "1000" 10
 plot datadir."/emission.dat" using 1:2 title "vantor Signal" with linespoints lw 3 pt 7 ps 1.4 lc rgb "#1f5fbf", \
      ''                      using 1:3 title "floor: vector of std::function under a mutex" with linespoints dt 2 pt 5 lc rgb "#333333", \
      ''                      using 1:4 title "Boost.Signals2" with linespoints pt 9 lc rgb "#c0392b", \
-     ''                      using 1:5 title "sigc++ 3 (takes no lock: not thread-safe)" with linespoints pt 13 lc rgb "#27ae60"
+     ''                      using 1:5 title "sigc++ 3 (takes no lock: not thread-safe)" with linespoints pt 13 lc rgb "#27ae60", \
+     ''                      using 1:6 title "palacaze/sigslot" with linespoints pt 11 lc rgb "#8e44ad"
 
 # ---- board round trip against the number of other keys, board and floor map; keys logarithmic,
 # ---- time linear from zero so that a flat line reads as flat

@@ -1,21 +1,21 @@
 // Emission and connection cost of vantor::tessel::Signal<bool>, against:
-//  - the floor: a std::vector<std::function<void(bool)>> walked under a std::mutex, which is what any
-//    thread-safe signal must at least do;
+//  - the floor (FloorSignal in signal_contenders.hpp);
+//  - sigslot::signal<bool> of palacaze/sigslot, the fastest thread-safe signal we know of, when the
+//    build found it (VANTOR_MESSAGE_BOARD_BENCH_SIGSLOT);
 //  - boost::signals2::signal<void(bool)>, the thread-safe signal most hosts already know;
 //  - sigc::signal<void(bool)> of libsigc++ 3, which takes no lock at all (it is not thread-safe), so it
-//    shows what a signal costs when it skips the mutex.
-//  - the emission of release 13.0, frozen below, so that every run shows what today's walk costs plain
-//    slots beside the walk it replaced, measured in the same rounds.
+//    shows what a signal costs when it skips the mutex;
+//  - the emission of release 13.1, frozen (Signal131), so that every run shows what re-entrancy and
+//    eager release cost plain slots beside the walk they replaced, measured in the same rounds.
 // Every contender calls the same one-pointer callback (CountTrue). Tracked slots (each connected with an
 // owner that the slot may not outlive) are measured for vantor and Boost.Signals2 beside the plain ones.
 
 #include <benchmark/benchmark.h>
 
 #include <functional>
-#include <list>
 #include <memory>
 #include <mutex>
-#include <utility>
+#include <string>
 #include <vector>
 
 #include <boost/signals2/signal.hpp>
@@ -24,6 +24,7 @@
 #endif
 
 #include "bench_support.hpp"
+#include "signal_contenders.hpp"
 #include "vantor/tessel/signal.hpp"
 
 namespace vantor_bench {
@@ -31,53 +32,15 @@ namespace {
 
 const std::vector<int> kSlotCounts = {1, 8, 64};
 
-// Signal<bool>'s emission as release 13.0 had it: the same lock and list of slots, walked before a
-// delivery checked a slot's flag again right before calling it, and before slots could be tracked.
-class Signal13 {
- public:
-  void connect(const std::function<void(bool)>& callback) {
-    vantor::tessel::detail::TrackedLock lock(mutex_, "Signal13::connect");
-    slots_.emplace_back(callback, std::shared_ptr<Status>(new Status()));
-  }
-  void emit(bool& value) {
-    vantor::tessel::detail::TrackedLock lock(mutex_, "Signal13::emit");
-    auto pending = slots_.end();
-    for (auto it = slots_.begin(); it != slots_.end();) {
-      const Status& status = *it->second;
-      if (status.disconnected.load(std::memory_order_acquire)) {
-        it = slots_.erase(it);
-        continue;
-      }
-      if (!status.blocked.load(std::memory_order_acquire)) {
-        if (pending != slots_.end()) pending->first(value);
-        pending = it;
-      }
-      ++it;
-    }
-    if (pending != slots_.end()) pending->first(value);
-  }
-
- private:
-  using Status = vantor::tessel::Connection::Status;
-  vantor::tessel::detail::TrackedMutex mutex_{"release 13.0's signal lock"};
-  std::list<std::pair<std::function<void(bool)>, std::shared_ptr<Status>>> slots_;
-};
-
-void emitVantor(benchmark::State& state) {
+// The emission benchmark of every contender with plain slots: `range(0)` slots, then one emission of
+// `true` per iteration.
+template <typename SignalType>
+void emitPlain(benchmark::State& state) {
   long count = 0;
-  vantor::tessel::Signal<bool> signal;
+  SignalType signal;
   for (int i = 0; i < state.range(0); ++i) signal.connect(CountTrue{&count});
   bool value = true;
-  for (auto _ : state) signal.emit(value);
-  benchmark::DoNotOptimize(count);
-}
-
-void emitVantor13(benchmark::State& state) {
-  long count = 0;
-  Signal13 signal;
-  for (int i = 0; i < state.range(0); ++i) signal.connect(CountTrue{&count});
-  bool value = true;
-  for (auto _ : state) signal.emit(value);
+  for (auto _ : state) emitOnce(signal, value, 0);
   benchmark::DoNotOptimize(count);
 }
 
@@ -88,28 +51,6 @@ void emitVantorTracked(benchmark::State& state) {
   for (int i = 0; i < state.range(0); ++i) signal.connect(CountTrue{&count}, owner);
   bool value = true;
   for (auto _ : state) signal.emit(value);
-  benchmark::DoNotOptimize(count);
-}
-
-void emitFloor(benchmark::State& state) {
-  long count = 0;
-  std::mutex mutex;
-  std::vector<std::function<void(bool)>> callbacks;
-  for (int i = 0; i < state.range(0); ++i) callbacks.emplace_back(CountTrue{&count});
-  bool value = true;
-  for (auto _ : state) {
-    std::lock_guard<std::mutex> lock(mutex);
-    for (const auto& callback : callbacks) callback(value);
-  }
-  benchmark::DoNotOptimize(count);
-}
-
-void emitBoost(benchmark::State& state) {
-  long count = 0;
-  boost::signals2::signal<void(bool)> signal;
-  for (int i = 0; i < state.range(0); ++i) signal.connect(CountTrue{&count});
-  bool value = true;
-  for (auto _ : state) signal(value);
   benchmark::DoNotOptimize(count);
 }
 
@@ -125,19 +66,9 @@ void emitBoostTracked(benchmark::State& state) {
   benchmark::DoNotOptimize(count);
 }
 
-#if VANTOR_MESSAGE_BOARD_BENCH_SIGCPP
-void emitSigc(benchmark::State& state) {
-  long count = 0;
-  sigc::signal<void(bool)> signal;
-  for (int i = 0; i < state.range(0); ++i) signal.connect(CountTrue{&count});
-  bool value = true;
-  for (auto _ : state) signal.emit(value);
-  benchmark::DoNotOptimize(count);
-}
-#endif
-
-// connect, then disconnect through the handle; the next connect erases the disconnected slot, so the
-// list holds one slot in the steady state. The callback is built once, as a host keeps its own.
+// connect, then disconnect through the handle, so that the signal holds at most one slot in the steady
+// state (whether it lets go of it at disconnect() or at the next connect). The callback is built once,
+// as a host keeps its own, and each library copies it into its slot.
 void connectDisconnectVantor(benchmark::State& state) {
   long count = 0;
   const std::function<void(bool)> callback = CountTrue{&count};
@@ -148,6 +79,20 @@ void connectDisconnectVantor(benchmark::State& state) {
   }
   benchmark::DoNotOptimize(count);
 }
+
+#if VANTOR_MESSAGE_BOARD_BENCH_SIGSLOT
+// sigslot lets go of the slot in disconnect(), under the signal's mutex.
+void connectDisconnectSigslot(benchmark::State& state) {
+  long count = 0;
+  const std::function<void(bool)> callback = CountTrue{&count};
+  sigslot::signal<bool> signal;
+  for (auto _ : state) {
+    sigslot::connection connection = signal.connect(callback);
+    connection.disconnect();
+  }
+  benchmark::DoNotOptimize(count);
+}
+#endif
 
 // The floor takes the mutex for each of the two operations, as a thread-safe vector of callbacks must.
 void connectDisconnectFloor(benchmark::State& state) {
@@ -171,41 +116,58 @@ void connectDisconnectFloor(benchmark::State& state) {
 }  // namespace
 
 void registerSignalBenchmarks() {
+  using Vantor = vantor::tessel::Signal<bool>;
   for (const int slots : kSlotCounts) {
     const auto withSlots = [slots](benchmark::internal::Benchmark* benchmark) { benchmark->Arg(slots); };
     Group emission;
-    emission.add("emit/vantor", emitVantor, withSlots)
-        .add("emit/vantor_13_0", emitVantor13, withSlots)
-        .add("emit/floor", emitFloor, withSlots)
-        .add("emit/boost_signals2", emitBoost, withSlots)
+    emission.add("emit/vantor", emitPlain<Vantor>, withSlots)
+        .add("emit/vantor_13_1", emitPlain<Signal131>, withSlots)
+        .add("emit/floor", emitPlain<FloorSignal>, withSlots);
+#if VANTOR_MESSAGE_BOARD_BENCH_SIGSLOT
+    emission.add("emit/sigslot", emitPlain<sigslot::signal<bool>>, withSlots);
+#endif
+    emission.add("emit/boost_signals2", emitPlain<boost::signals2::signal<void(bool)>>, withSlots)
         .add("emit/vantor_tracked", emitVantorTracked, withSlots)
         .add("emit/boost_signals2_tracked", emitBoostTracked, withSlots);
 #if VANTOR_MESSAGE_BOARD_BENCH_SIGCPP
-    emission.add("emit/sigc3_unlocked", emitSigc, withSlots);
+    emission.add("emit/sigc3_unlocked", emitPlain<sigc::signal<void(bool)>>, withSlots);
 #endif
     emission.registerRounds();
   }
-  Group()
-      .add("connect_disconnect/vantor", connectDisconnectVantor)
-      .add("connect_disconnect/floor", connectDisconnectFloor)
-      .registerRounds();
+  Group connection;
+  connection.add("connect_disconnect/vantor", connectDisconnectVantor)
+      .add("connect_disconnect/floor", connectDisconnectFloor);
+#if VANTOR_MESSAGE_BOARD_BENCH_SIGSLOT
+  connection.add("connect_disconnect/sigslot", connectDisconnectSigslot);
+#endif
+  connection.registerRounds();
 
+  // A ratio whose benchmarks did not run (sigslot or sigc++ not built, or a filter) is left out.
+  const std::string section = "Emission, Signal<bool>::emit";
   for (const int slots : kSlotCounts) {
     const std::string suffix = "/" + std::to_string(slots);
     const std::string what = std::to_string(slots) + (slots == 1 ? " slot" : " slots");
-    const std::string section = "Emission, Signal<bool>::emit";
-    addRatio(section, "vantor / floor, " + what, "emit/vantor" + suffix, "emit/floor" + suffix, Goal::AtMost, 1.1);
-    addRatio(section, "vantor / release 13.0's walk, " + what, "emit/vantor" + suffix, "emit/vantor_13_0" + suffix,
-             Goal::AtMost, 1.1, "plain slots: the disconnection re-check; tracking adds nothing to them");
-    addRatio(section, "Boost.Signals2 / vantor, " + what, "emit/boost_signals2" + suffix, "emit/vantor" + suffix,
-             Goal::AtLeast, 5.0);
-    addRatio(section, "sigc++ 3 / vantor, " + what, "emit/sigc3_unlocked" + suffix, "emit/vantor" + suffix, Goal::None,
-             0.0, "sigc++ is not thread-safe: it takes no lock");
-    addRatio(section, "vantor tracked / vantor, " + what, "emit/vantor_tracked" + suffix, "emit/vantor" + suffix,
-             Goal::None, 0.0, "each slot keeps its owner alive while it runs");
+    const std::string ours = "emit/vantor" + suffix;
+    if (slots < 64) {
+      addRatio(section, "sigslot / vantor, " + what, "emit/sigslot" + suffix, ours, Goal::AtLeast, 1.0,
+               "at least as fast as the fastest thread-safe peer");
+    } else {
+      addRatio(section, "vantor / sigslot, " + what, ours, "emit/sigslot" + suffix, Goal::AtMost, 1.2);
+    }
+    const Goal floorGoal = slots == 64 ? Goal::None : Goal::AtMost;
+    addRatio(section, "vantor / floor, " + what, ours, "emit/floor" + suffix, floorGoal, slots == 1 ? 1.2 : 1.1);
+    addRatio(section, "vantor / release 13.1's walk, " + what, ours, "emit/vantor_13_1" + suffix, Goal::AtMost, 1.05,
+             "before/after: what re-entrancy and eager release cost plain slots");
+    addRatio(section, "Boost.Signals2 / vantor, " + what, "emit/boost_signals2" + suffix, ours, Goal::AtLeast, 5.0);
+    addRatio(section, "sigc++ 3 / vantor, " + what, "emit/sigc3_unlocked" + suffix, ours, Goal::None, 0.0,
+             "sigc++ is not thread-safe: it takes no lock");
+    addRatio(section, "vantor tracked / vantor, " + what, "emit/vantor_tracked" + suffix, ours, Goal::None, 0.0,
+             "each slot keeps its owner alive while it runs");
     addRatio(section, "Boost.Signals2 tracked / vantor tracked, " + what, "emit/boost_signals2_tracked" + suffix,
              "emit/vantor_tracked" + suffix, Goal::AtLeast, 5.0);
   }
+  addRatio("Connection", "connect + disconnect: vantor / sigslot", "connect_disconnect/vantor",
+           "connect_disconnect/sigslot", Goal::AtMost, 1.25);
   addRatio("Connection", "connect + disconnect: vantor / floor", "connect_disconnect/vantor",
            "connect_disconnect/floor");
 }

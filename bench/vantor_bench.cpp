@@ -171,7 +171,7 @@ std::string formatValue(double value, const std::string& unit) {
 std::string formatTarget(const RatioLine& ratio) {
   if (ratio.goal == Goal::None) return "";
   char text[64];
-  std::snprintf(text, sizeof text, "%s %.2g%s", ratio.goal == Goal::AtMost ? "<=" : ">=", ratio.limit,
+  std::snprintf(text, sizeof text, "%s %.3g%s", ratio.goal == Goal::AtMost ? "<=" : ">=", ratio.limit,
                 ratio.unit == "x" ? "x" : "");
   return text;
 }

@@ -10,6 +10,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev         # tests and benchmarks
   libsigc++-3.0-dev                                  # a second signal library the benchmark compares with
   gnuplot-nox python3                                # scripts/bench.sh: charts and the report
+  valgrind                                           # scripts/bench.sh: instructions per emission (callgrind)
   binutils pkgconf                                   # nm/readelf and pkg-config for the artefact checks
   dpkg-dev file lintian                              # scripts/package.sh: CPack's dpkg-shlibdeps, checks
   abigail-tools                                      # scripts/check-abi.sh: abidw, abidiff
