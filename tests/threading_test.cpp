@@ -80,6 +80,33 @@ TEST(Signal, FlagsBlockersAndConnectsFromOtherThreadsWhileOneEmitsLoseNothing) {
   EXPECT_EQ(signal.slotCount(), 1u) << "only the steady slot is left";
 }
 
+// The emitting thread erases the slot that another thread waits for: the wait ends only after the slot's
+// callback object is destroyed (its destructor lingers, to give an early return the time to show).
+TEST(Connection, DisconnectAndWaitReturnsOnlyOnceTheSignalHasDestroyedTheCallback) {
+  tessel::Signal<int> signal;
+  std::atomic<bool> returned{false}, destroyed{false}, sawDestroyed{false};
+  struct Lingers {
+    Lingers(std::atomic<bool>& wait, std::atomic<bool>& done) : returned(wait), destroyed(done) {}
+    std::atomic<bool>& returned;
+    std::atomic<bool>& destroyed;
+    ~Lingers() {
+      for (int spin = 0; spin < 2000 && !returned; ++spin) std::this_thread::yield();
+      destroyed = true;
+    }
+  };
+  tessel::Connection waited;
+  signal.connect([&](int) {
+    while (waited.connected()) std::this_thread::yield();  // until the other thread has disconnected it
+  });
+  waited = signal.connect([lingers = std::make_shared<Lingers>(returned, destroyed)](int) {});
+  runTogether(2, [&](std::size_t index) {
+    if (index == 0) return signal.emit(0);
+    waited.disconnectAndWait();
+    sawDestroyed = destroyed.load(), returned = true;
+  });
+  EXPECT_TRUE(sawDestroyed);
+}
+
 // Also heavy contention without a lock cycle, which must raise nothing: the secured signal's slot reads
 // the board (signal before board, the one permitted nesting) while other threads hold either lock. And two
 // threads rotate the token (tokens of one repeated byte each) while two copy it: no copy and no delivery
