@@ -8,7 +8,6 @@
 // Publishes the table under Q1:, Q2: and Q3: (for the program), and returns what it received in one
 // translation unit, in two, and from the program (P3:).
 extern "C" __attribute__((visibility("default"))) std::vector<std::string> crossExchange() {
-  TypeTable table;
-  for (const char* prefix : {"Q1:", "Q2:", "Q3:"}) table.publishAll(prefix);
-  return {table.receiveAll("Q1:"), receiveInSecondUnit("Q2:"), table.receiveAll("P3:")};
+  for (const char* prefix : {"Q1:", "Q2:", "Q3:"}) publishAll(prefix);
+  return {receiveAll("Q1:"), receiveInSecondUnit("Q2:"), receiveAll("P3:")};
 }

@@ -3,4 +3,4 @@
 
 #include "cross/type_table.hpp"
 
-std::string receiveInSecondUnit(const std::string& prefix) { return TypeTable().receiveAll(prefix); }
+std::string receiveInSecondUnit(const std::string& prefix) { return receiveAll(prefix); }
