@@ -1,7 +1,10 @@
 # Builds the plugin of the type table with CXX and FLAGS against the library (two translation units, hidden
 # visibility), then runs the program (built with this build's compiler) with it. With REFUSED, first checks
 # that CXX refuses to compile each call of a non-plain value type, with the board's message.
-if(NOT CXX)
+if(SKIP)
+  message("skipped: ${SKIP}")
+  return()
+elseif(NOT CXX)
   message("skipped: no second C++ compiler was found")
   return()
 endif()
