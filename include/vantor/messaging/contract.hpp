@@ -38,9 +38,11 @@
 /// rule and the argument for it):
 ///  - within one module, every type is recognised by identity: a type local to a `static` function or
 ///    declared in an unnamed namespace is therefore recognised only within its translation unit;
+///  - `bool` and CyberSecurityContract::Token, the library's own value types, are recognised by
+///    identity in every module: the library defines their keys, and every module uses those;
 ///  - across modules (an executable and its plugins, built with g++ or clang++ against libstdc++), a
 ///    type is recognised when both modules were built with RTTI, by its mangled name, which both
-///    compilers write alike (so `bool`, `unsigned long`, `std::string`, enums and structs in named
+///    compilers write alike (so `unsigned long`, `std::string`, enums and structs in named
 ///    namespaces and templates of them all cross). Refused across modules: a type whose name holds a
 ///    local name (a type local to any function, static or inline: one local to an inline function is
 ///    one type, but it is refused across modules all the same), an unnamed namespace, an internal-linkage
