@@ -27,9 +27,11 @@ notify-stores-nothing-but-delivers-twice @@ include/vantor/messaging/contract.hp
 purge-with-colon @@ src/message_board.cpp @@ it->first.text.compare(0, prefix.size(), prefix) == 0 @@ it->first.text.compare(0, prefix.size() + 1, prefix + ":") == 0
 key-without-colon @@ src/message_board.cpp @@   fullKey.push_back(':'); @@ 
 unsubscribe-keeps-the-getter @@ src/message_board.cpp @@   board.getters.erase(key); @@ 
-types-compared-by-spelling @@ include/vantor/messaging/detail/stored_function.hpp @@   return a.rtti == b.rtti || (*a.rtti == *b.rtti && !uniqueToItsTranslationUnit(a.rtti->name())); @@   return a.name == b.name;
-types-compared-by-address-only @@ include/vantor/messaging/detail/stored_function.hpp @@   return a.rtti == b.rtti || (*a.rtti == *b.rtti && !uniqueToItsTranslationUnit(a.rtti->name())); @@   return a.rtti == b.rtti;
-internal-types-taken-by-mangled-name @@ include/vantor/messaging/detail/stored_function.hpp @@  && !uniqueToItsTranslationUnit(a.rtti->name())); @@ );
+types-compared-by-spelling @@ include/vantor/messaging/detail/type_key.hpp @@   return recognisableAcrossModules(a) && recognisableAcrossModules(b) && *a.rtti == *b.rtti && *b.rtti == *a.rtti && @@   return a.name == b.name || false &&
+types-compared-by-address-only @@ include/vantor/messaging/detail/type_key.hpp @@ *a.rtti == *b.rtti && *b.rtti == *a.rtti && @@ a.rtti == b.rtti &&
+internal-types-taken-by-mangled-name @@ include/vantor/messaging/detail/type_key.hpp @@ &&\n         MangledTypeName::sharedAcrossModules(a.rtti->name()); @@ ;
+unnamed-namespace-taken @@ include/vantor/messaging/detail/type_key.hpp @@ identifier.rfind("_GLOBAL__N", 0) != 0 && @@ 
+references-taken-for-their-type @@ include/vantor/messaging/detail/type_key.hpp @@ kTopicValueType<T>, @@ true,
 key-retyped-by-update @@ include/vantor/messaging/contract.hpp @@     detail::checkType(entry->second, detail::typeKeyOf<T>, operation, entry->first);\n @@ 
 null-getter-called @@ include/vantor/messaging/contract.hpp @@ value{detail::invokeOrThrow(getter)}; @@ value{getter()};
 moved-from-callable-still-owns-it @@ include/vantor/messaging/detail/stored_function.hpp @@     other.ops_ = nullptr;  // its function now lives here @@ 

@@ -1,5 +1,6 @@
 #include "vantor/messaging/message_board.hpp"
 
+#include <array>
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -37,6 +38,9 @@ MessageBoard::MessageBoard() : data_(std::make_unique<BoardData>()) {}
 MessageBoard::~MessageBoard() = default;
 
 namespace detail {
+
+const TypeKey kLibraryBoolKey = moduleKeyOf<bool>;
+const TypeKey kLibraryTokenKey = moduleKeyOf<std::array<unsigned char, 32>>;
 
 void throwTypeMismatch(const char* operation, const std::string& key) {
   std::string message(operation);

@@ -1,10 +1,13 @@
-// The plugin side of the cross-module test (cross_program.cpp): built by another compiler, or without RTTI.
+// The plugin side of the cross-module test (cross_program.cpp): built at test time by either compiler,
+// with or without RTTI, with hidden visibility, and loaded with RTLD_LOCAL.
 
-#include "cross/cross_contract.hpp"
+#include <vector>
 
-extern "C" __attribute__((visibility("default"))) std::string crossExchange() {
-  static CrossContract contract(/*purge=*/false);  // outlives its subscribers, which the program's contract purges
-  std::string received = contract.receiveAll("ToPlugin:");
-  contract.publishAll("FromPlugin:");
-  return received;
+#include "cross/type_table.hpp"
+
+// Publishes the table under Q1:, Q2: and Q3: (for the program), and returns what it received in one
+// translation unit, in two, and from the program (P3:).
+extern "C" __attribute__((visibility("default"))) std::vector<std::string> crossExchange() {
+  for (const char* prefix : {"Q1:", "Q2:", "Q3:"}) publishAll(prefix);
+  return {receiveAll("Q1:"), receiveInSecondUnit("Q2:"), receiveAll("P3:")};
 }

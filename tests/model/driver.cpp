@@ -177,11 +177,18 @@ class Driver {
   }
   void connectContract(int signal, int id, const Slot& slot) {
     const std::function<void(int)> act = [this, signal, id, slot](int v) { actAsSlot(*this, signal, id, slot, v); };
-    if (signal == 0) owned_.emplace_back(cs_.connectSecuredSignalWithHandle(act));
-    if (signal == 1) owned_.emplace_back(cs_.connectNewCredentialsSignalWithHandle(act));
-    if (signal == 2)
-      owned_.emplace_back(cs_.connectSecurityTokenSignalWithHandle(
-          [act](const OptionalToken& token) { act(code(token).value_or(-1)); }));
+    const CyberSecurityContract::TokenCallback token = [act](const OptionalToken& t) { act(code(t).value_or(-1)); };
+    if (slot.owner == static_cast<int>(owners_.size())) owners_.push_back(std::make_shared<Owner>(this, slot.owner));
+    const std::weak_ptr<const void> owner = slot.owner < 0 ? nullptr : owners_[slot.owner];
+    // The contract's six connect operations with a handle: by signal, untracked and tracked by `owner`.
+    const std::function<tessel::Connection()> connects[3][2] = {
+        {[&] { return cs_.connectSecuredSignalWithHandle(act); },
+         [&] { return cs_.connectSecuredSignalWithHandle(act, owner); }},
+        {[&] { return cs_.connectNewCredentialsSignalWithHandle(act); },
+         [&] { return cs_.connectNewCredentialsSignalWithHandle(act, owner); }},
+        {[&] { return cs_.connectSecurityTokenSignalWithHandle(token); },
+         [&] { return cs_.connectSecurityTokenSignalWithHandle(token, owner); }}};
+    owned_.emplace_back(connects[signal][slot.owner >= 0]());
   }
 
  private:
@@ -263,7 +270,7 @@ class Driver {
       case 26: return owners && step("release an owner", [&](auto& api) { api.releaseOwner(y % owners); });
       default:  // at most four slots per contract signal
         return model_.contractSlots[y % 3].size() < 4 && step("connect to the contract", [&](auto& api) {
-                 api.connectContract(y % 3, id, {kContractSlots[z % 5], z / 5 % 8, z / 40 % 3});
+                 api.connectContract(y % 3, id, {kContractSlots[z % 5], z / 5 % 8, z / 40 % 3, owner});
                });
     }
   }

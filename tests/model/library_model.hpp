@@ -296,7 +296,8 @@ class Model {
     if (hooks[hook] == 2 || (hooks[hook] == 0 && hook == 0)) fail(hooks[hook] ? "thrown" : "empty");
     if (hooks[hook] == 1) log += entry(hook ? 'r' : 'l', port, flag) + (hook ? address + " " : "");
   }
-  void connectContract(int signal, int id, const Slot& slot) {
+  void connectContract(int signal, int id, const Slot& slot) {  // tracked by an owner, or not (-1), as connect()
+    if (slot.owner == static_cast<int>(owners.size())) owners.push_back(true);
     lockBoard("CyberSecurityContract::connect"), contractSlots[signal].emplace_back(id, slot);
   }
 
@@ -348,7 +349,8 @@ class Model {
   void deliver(const Sub& sub, int value) {
     if (sub.kind == Kind::Empty) fail("empty");
     if (sub.kind != Kind::Own) return actAsSubscriber(*this, sub, value);
-    for (const auto& [id, slot] : std::vector(contractSlots[sub.id])) actAsSlot(*this, sub.id, id, slot, value);
+    for (const auto& [id, slot] : std::vector(contractSlots[sub.id]))
+      if (!gone(slot)) actAsSlot(*this, sub.id, id, slot, value);
   }
   void invoke(int index, int value) {
     if (gone(slots[index])) return static_cast<void>(slots[index].disconnected = true);  // its owner expired

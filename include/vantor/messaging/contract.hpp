@@ -28,20 +28,32 @@
 ///    order other than that of the getter stores. A subscriber that always republishes its own key
 ///    recurses without end.
 ///
-/// Value types: each key has one value type T, fixed by the first entry stored under it. An operation
-/// that names a type other than that of an entry the key holds (its getter or its subscriber, empty or
-/// not) throws std::invalid_argument naming the key and both types, before it changes or calls
-/// anything. Which types are recognised as one:
-///  - within one module, every type is recognised by identity;
+/// Value types: each key has one value type T, fixed by the first entry stored under it. T is a plain
+/// object type: not a reference, not const or volatile, not an array, not void. update, notify,
+/// subscribe and get named with any other type fail to compile, with a message that says why (a type
+/// that cannot even form the getter's or subscriber's signature, such as an array for update, finds no
+/// matching operation). An operation that names a type other than that of an entry the key holds (its
+/// getter or its subscriber, empty or not) throws std::invalid_argument naming the key and both types,
+/// before it changes or calls anything. Which types are recognised as one (detail::sameType() holds the
+/// rule and the argument for it):
+///  - within one module, every type is recognised by identity: a type local to a `static` function or
+///    declared in an unnamed namespace is therefore recognised only within its translation unit;
+///  - `bool` and CyberSecurityContract::Token, the library's own value types, are recognised by
+///    identity in every module: the library defines their keys, and every module uses those;
 ///  - across modules (an executable and its plugins, built with g++ or clang++ against libstdc++), a
-///    type is recognised when both modules were built with RTTI: by its mangled name, which both
-///    compilers write alike (so `bool`, `unsigned long`, `std::string`, host structs and containers of
-///    them all cross), except a type unique to its translation unit (in an unnamed namespace, or local
-///    to a function with internal linkage), which is recognised only within that translation unit;
+///    type is recognised when both modules were built with RTTI, by its mangled name, which both
+///    compilers write alike (so `unsigned long`, `std::string`, enums and structs in named
+///    namespaces and templates of them all cross). Refused across modules: a type whose name holds a
+///    local name (a type local to any function, static or inline: one local to an inline function is
+///    one type, but it is refused across modules all the same), an unnamed namespace, an internal-linkage
+///    mark, an unnamed or closure type (a lambda's), an identifier with '$' or any character outside
+///    [A-Za-z0-9_], a name g++ marked unique to its translation unit, and any name the check cannot read
+///    in full by the mangling grammar;
 ///  - a module built with `-fno-rtti` recognises, across modules, only type keys that the dynamic
 ///    linker unified into one object (default visibility, no RTLD_LOCAL); any other is refused.
 /// A refusal is always safe. What no check can see is the same qualified name defined differently in
-/// two modules (an ODR violation): it is taken for one type.
+/// two modules (an ODR violation): it is taken for one type. A module built with older headers judges
+/// with its own, older rule.
 ///
 /// Lifetime: a contract must outlive every operation on its keys. Its destructor, when purgeOnDestroy
 /// is set, erases every board entry whose key begins with the contract's name (a bare prefix test: a
@@ -249,6 +261,7 @@ class VANTOR_MESSAGE_BOARD_API Contract {
 
 template <typename T, typename G>
 void Contract::publish(std::string fullKey, const G& getter, const char* operation) {
+  detail::requireTopicValueType<T>();
   BoardKey key(std::move(fullKey));
   // The stored copy is made before locking, to keep the lock short; storing it moves it in place.
   detail::StoredFunction stored = detail::StoredFunction::getter<T>(getter);
@@ -271,6 +284,7 @@ void Contract::publish(std::string fullKey, const G& getter, const char* operati
 
 template <typename T>
 void Contract::notifyKey(std::string fullKey, const T& value, const char* operation) {
+  detail::requireTopicValueType<T>();
   const BoardKey key(std::move(fullKey));
   BoardData& board = data();
   tessel::detail::TrackedLock lock(board.mutex, operation, key.text);
@@ -286,6 +300,7 @@ void Contract::notifyKey(std::string fullKey, const T& value, const char* operat
 
 template <typename T, typename S>
 void Contract::subscribeKey(std::string fullKey, const S& subscriber, const char* operation) {
+  detail::requireTopicValueType<T>();
   BoardKey key(std::move(fullKey));
   detail::StoredFunction stored = detail::StoredFunction::subscriber<T>(subscriber);
   BoardData& board = data();
@@ -305,6 +320,7 @@ void Contract::subscribeKey(std::string fullKey, const S& subscriber, const char
 
 template <typename T>
 boost::optional<T> Contract::read(std::string fullKey, const char* operation) {
+  detail::requireTopicValueType<T>();
   const BoardKey key(std::move(fullKey));
   BoardData& board = data();
   tessel::detail::TrackedLock lock(board.mutex, operation, key.text);

@@ -9,91 +9,15 @@
 // the same templates made the library's own keys look mistyped. Here the buffer holds a std::function
 // in place, and the value type is identified as sameType() says.
 
-#include <algorithm>
-#include <array>
 #include <cstddef>
 #include <functional>
 #include <new>
-#include <string_view>
 #include <type_traits>
-#include <typeinfo>
 #include <utility>
 
+#include "vantor/messaging/detail/type_key.hpp"
+
 namespace vantor::messaging::detail {
-
-// The identity of a value type T, one object per T and module: the compiler's spelling of T (for error
-// messages) and, where RTTI is on, T's type_info. `name` begins with kTypeKeyMark, which no spelling
-// begins with: the type keys of 13.0, made by modules built with older headers, were a bare spelling
-// without `rtti`, so the mark tells which layout a stored key has.
-struct TypeKey {
-  std::string_view name;
-  const std::type_info* rtti;  // null where the module was built with -fno-rtti
-};
-inline constexpr char kTypeKeyMark = '\x01';
-
-template <typename T>
-constexpr std::string_view signatureOf() {
-  return __PRETTY_FUNCTION__;  // "... signatureOf() [with T = bool; ...]" (g++) or "... [T = bool]" (clang)
-}
-
-// kTypeKeyMark and T as the compiler spells it: "bool", "long unsigned int" (g++), "unsigned long" (clang).
-template <typename T>
-struct TypeSpelling {
-  static constexpr std::string_view signature = signatureOf<T>();
-  static constexpr std::size_t start = signature.find("T = ") + 4;
-  // g++ goes on after T with "; std::string_view = ...]", and no type's spelling holds a ';'.
-  static constexpr std::string_view bare =
-      signature.substr(start, std::min(signature.find(';', start), signature.rfind(']')) - start);
-  static constexpr std::array<char, bare.size() + 1> marked = [] {
-    std::array<char, bare.size() + 1> text{};
-    text[0] = kTypeKeyMark;
-    for (std::size_t i = 0; i < bare.size(); ++i) text[i + 1] = bare[i];
-    return text;
-  }();
-};
-
-template <typename T>
-constexpr const std::type_info* rttiOf() noexcept {
-#if defined(__GXX_RTTI) || defined(__cpp_rtti)
-  return &typeid(T);
-#else
-  return nullptr;
-#endif
-}
-
-template <typename T>
-inline constexpr TypeKey typeKeyOf{{TypeSpelling<T>::marked.data(), TypeSpelling<T>::marked.size()}, rttiOf<T>()};
-
-// Whether an Itanium-mangled type name, as type_info::name() gives it, names a type that is unique to
-// one translation unit, so that the same name elsewhere is another type: one declared in an unnamed
-// namespace ("_GLOBAL__N"), local to a function with internal linkage ("ZL" and a length), or numbered
-// by clang instead of named ('$'). g++ marks such names for type_info's comparison; clang does not.
-inline bool uniqueToItsTranslationUnit(std::string_view mangled) noexcept {
-  if (mangled.find("_GLOBAL__N") != std::string_view::npos || mangled.find('$') != std::string_view::npos) return true;
-  for (auto at = mangled.find("ZL"); at != std::string_view::npos; at = mangled.find("ZL", at + 1)) {
-    if (at + 2 < mangled.size() && mangled[at + 2] >= '0' && mangled[at + 2] <= '9') return true;
-  }
-  return false;
-}
-
-// Whether two type keys stand for one type. The same key object always does: it is the same
-// instantiation in one module, or one the dynamic linker unified across modules. Other keys do only
-// when both modules were built with RTTI and the mangled names (which g++ and clang write alike) agree
-// and name no type unique to a translation unit; without RTTI on either side, or for a key made by an
-// older module, identity is all there is. Two distinct types are never taken for one, except the same
-// qualified name defined differently in two modules, which no check can see.
-inline bool sameType(const TypeKey& a, const TypeKey& b) noexcept {
-  if (&a == &b) return true;
-  const auto current = [](const TypeKey& key) { return !key.name.empty() && key.name[0] == kTypeKeyMark && key.rtti; };
-  if (!current(a) || !current(b)) return false;
-  return a.rtti == b.rtti || (*a.rtti == *b.rtti && !uniqueToItsTranslationUnit(a.rtti->name()));
-}
-
-// The spelling of a key's type, for messages.
-inline std::string_view spelling(const TypeKey& key) noexcept {
-  const std::string_view name = !key.name.empty() && key.name[0] == kTypeKeyMark ? key.name.substr(1) : key.name;
-  return name.substr(0, name.find(';'));  // a 13.0 key spelled by g++ ends with "; std::string_view = ..."
-}
 
 // True when `function` holds no target: an empty std::function, or a null pointer to a function.
 template <typename F>
