@@ -54,6 +54,11 @@
 /// lock failures) reaches the caller with every lock released. A publication whose callback fails has
 /// already stored the new state: the member holds the new value and the board the new getter.
 ///
+/// Views: securedSignal(), newCredentialsSignal() and securityTokenSignal() hand out each signal's
+/// connect side (tessel::SignalView: every connect form of tessel::Signal, slotCount(), empty()), among
+/// them connectQueued(), which delivers on a component's own thread through a tessel::Mailbox
+/// (vantor/tessel/mailbox.hpp) instead of on the publishing thread.
+///
 /// Lifetime: built on the first instance() call (callers that arrive meanwhile wait; a constructor that
 /// throws is retried by the next call), destroyed at process exit or library unload, before the board;
 /// its destruction removes every board entry whose key starts with "CyberSecurity". No operation may
