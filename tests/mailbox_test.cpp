@@ -155,10 +155,10 @@ TEST(CyberSecurityContract, SignalViewsOfferEveryConnectFormAndRefuseUnderTheBoa
       {"SignalView::slotCount", [&] { notices.slotCount(); }},
       {"SignalView::empty", [&] { notices.empty(); }}};
   cs.updateIpPortAllowed("192.0.2.9", 1, true);
-  for (const auto& [operation, call] : operations) {  // from an initial delivery, under the board lock
+  for (const auto& operation : operations) {  // from an initial delivery, under the board lock
     std::string outcome;
-    cs.subscribeToIpPortAllowed("192.0.2.9", 1, [&, name = operation](bool) { outcome = refusal(call, name); });
-    EXPECT_EQ(outcome, "E") << operation;
+    cs.subscribeToIpPortAllowed("192.0.2.9", 1, [&](bool) { outcome = refusal(operation.second, operation.first); });
+    EXPECT_EQ(outcome, "E") << operation.first;
   }
   cs.unsubscribeFromIpPortAllowed("192.0.2.9", 1);
   EXPECT_TRUE(notices.empty());
