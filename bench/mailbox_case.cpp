@@ -86,8 +86,9 @@ double allocationsPerCall(Queue& queue, Post post) {
   };
   batches(2);
   const HeapWindow window;
-  batches(kCountedCalls / kBatch);
-  return static_cast<double>(window.allocations()) / (kCountedCalls / kBatch * kBatch);
+  constexpr int kCounted = kCountedCalls / kBatch;
+  batches(kCounted);
+  return static_cast<double>(window.allocations()) / static_cast<double>(kCounted * kBatch);
 }
 
 void countAllocations(benchmark::State& state) {
