@@ -318,7 +318,9 @@ class VANTOR_MESSAGE_BOARD_API CyberSecurityContract final : public Contract {
 ///    base class, vantor::messaging::Contract (contract.hpp).
 ///  - **Signals**: the header-only signal/slot template vantor::tessel::Signal with its slot handles
 ///    vantor::tessel::Connection, vantor::tessel::ScopedConnection and vantor::tessel::ConnectionBlocker
-///    (signal.hpp).
+///    (signal.hpp); the read-only view of a signal's connect side, vantor::tessel::SignalView
+///    (signal_view.hpp); and vantor::tessel::Mailbox (mailbox.hpp), the queue of calls through which
+///    queued connections deliver on a component's own thread.
 ///  - **The cyber-security contract**: vantor::messaging::CyberSecurityContract
 ///    (contract_cyber_security.hpp), the one object through which host components share the security
 ///    state. Hosts use it through instance(), and may derive contracts of their own from Contract

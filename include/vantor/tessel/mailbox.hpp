@@ -18,9 +18,10 @@
 /// for the first), and a drain from inside a drained call of the same mailbox throws
 /// `std::system_error(resource_deadlock_would_occur)` naming "Mailbox::drain". The drain turn is one of
 /// the library's tracked locks (vantor/tessel/detail/tracked_lock.hpp): two threads whose drained calls
-/// drain each other's mailboxes get that error in one of them rather than a hang. Every user call (the
-/// queued calls, their destructors, the wake-up) runs with no lock of the mailbox held; the mailbox's
-/// own lock guards only the queue and is held for a few pointer moves.
+/// drain each other's mailboxes get that error in one of them rather than a hang. No code of the
+/// host's (the queued calls, their copies and destructors, the wake-up) runs under a lock of the
+/// mailbox: its own lock guards only the queue and its pool of blocks, and is held for a few pointer
+/// moves and the copy of a plain call (see Allocation).
 ///
 /// Lifetime: the Mailbox owns a shared core holding the queue; queued connections and QueuedSlots hold
 /// it weakly. Destroying the Mailbox destroys every queued call (and so the arguments it captured), on
@@ -415,7 +416,8 @@ class Mailbox {
 ///
 /// Signal::connectQueued() connects one through connectExtended(), which hands each delivery the
 /// slot's own Connection. A publisher of another kind (a board listener) calls post() with a status of
-/// its own: any `Status` with `bool connected() const` and `void disconnect() const`.
+/// its own: any `Status` with `bool connected() const` and `void disconnect() const` (its calls then
+/// get a block of their own: only a Connection is known to copy without host code).
 ///
 /// The callback object is destroyed by the last of the QueuedSlot copies and the queued calls to go:
 /// on the thread that erases the slot, or that runs or drops the last call.
