@@ -54,6 +54,11 @@
 /// lock failures) reaches the caller with every lock released. A publication whose callback fails has
 /// already stored the new state: the member holds the new value and the board the new getter.
 ///
+/// Views: securedSignal(), newCredentialsSignal() and securityTokenSignal() hand out each signal's
+/// connect side (tessel::SignalView: every connect form of tessel::Signal, slotCount(), empty()), among
+/// them connectQueued(), which delivers on a component's own thread through a tessel::Mailbox
+/// (vantor/tessel/mailbox.hpp) instead of on the publishing thread.
+///
 /// Lifetime: built on the first instance() call (callers that arrive meanwhile wait; a constructor that
 /// throws is retried by the next call), destroyed at process exit or library unload, before the board;
 /// its destruction removes every board entry whose key starts with "CyberSecurity". No operation may
@@ -79,6 +84,7 @@
 #include "vantor/tessel/detail/thread_annotations.hpp"
 #include "vantor/tessel/detail/tracked_lock.hpp"
 #include "vantor/tessel/signal.hpp"
+#include "vantor/tessel/signal_view.hpp"
 
 // The host's user-activity logger: a class that the host defines, in the global namespace. The library
 // only declares it and passes references to it around; it never calls into a Logger.
@@ -170,6 +176,19 @@ class VANTOR_MESSAGE_BOARD_API CyberSecurityContract final : public Contract {
   /// with an owner. Throws as connectSecuredSignal() does.
   tessel::Connection connectSecurityTokenSignalWithHandle(const TokenCallback& callback,
                                                           const std::weak_ptr<const void>& owner);
+
+  /// The secured signal's connect side, for every connect form of tessel::Signal (tracked,
+  /// connectExtended, connectQueued for delivery on a component's own thread), slotCount() and empty().
+  /// Its callbacks run as those of connectSecuredSignal() do (or, queued, at the mailbox's drain). Each
+  /// operation of the view first refuses to run under the board lock and throws as
+  /// connectSecuredSignal() does. The view refers to the contract's signal: valid for the process's
+  /// life. Takes no lock, never throws.
+  tessel::SignalView<bool> securedSignal();
+  /// The new-credentials signal's connect side, as securedSignal() describes.
+  tessel::SignalView<bool> newCredentialsSignal();
+  /// The token signal's connect side, as securedSignal() describes; its callbacks receive what those of
+  /// connectSecurityTokenSignal() do (a queued callback, its own copy of the token, to wipe).
+  tessel::SignalView<OptionalToken> securityTokenSignal();
 
   // ---- security state
 
@@ -265,6 +284,8 @@ class VANTOR_MESSAGE_BOARD_API CyberSecurityContract final : public Contract {
 
   template <typename Signal, typename Callback, typename... Owner>
   tessel::Connection connectTo(Signal& signal, const Callback& callback, const char* operation, const Owner&... owner);
+  template <typename... Args>
+  tessel::SignalView<Args...> viewOf(tessel::Signal<Args...>& signal);
   std::string topicKey(std::string_view topic) const;
   std::string addressKey(const std::string& address) const;
   std::string portKey(const std::string& address, int port) const;
@@ -297,7 +318,9 @@ class VANTOR_MESSAGE_BOARD_API CyberSecurityContract final : public Contract {
 ///    base class, vantor::messaging::Contract (contract.hpp).
 ///  - **Signals**: the header-only signal/slot template vantor::tessel::Signal with its slot handles
 ///    vantor::tessel::Connection, vantor::tessel::ScopedConnection and vantor::tessel::ConnectionBlocker
-///    (signal.hpp).
+///    (signal.hpp); the read-only view of a signal's connect side, vantor::tessel::SignalView
+///    (signal_view.hpp); and vantor::tessel::Mailbox (mailbox.hpp), the queue of calls through which
+///    queued connections deliver on a component's own thread.
 ///  - **The cyber-security contract**: vantor::messaging::CyberSecurityContract
 ///    (contract_cyber_security.hpp), the one object through which host components share the security
 ///    state. Hosts use it through instance(), and may derive contracts of their own from Contract
