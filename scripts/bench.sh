@@ -25,7 +25,7 @@ case "${1:-}" in
 esac
 
 bash scripts/setup-deps.sh
-cmake --preset release >/dev/null
+cmake --preset release -DVANTOR_MESSAGE_BOARD_BENCH=ON >/dev/null  # on, also after the demo turned it off
 cmake --build --preset release --parallel 2 --target vantor_bench vantor_count_instructions
 bench=build/release/bench/vantor_bench
 counter=build/release/bench/vantor_count_instructions

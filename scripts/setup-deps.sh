@@ -19,6 +19,12 @@ packages=(
   gcovr                                              # scripts/coverage.sh
 )
 
+# `setup-deps.sh --demo` installs only what scripts/demo.sh needs: a compiler, CMake, Ninja and Boost's
+# headers (boost::optional is in the library's interface).
+if [ "${1:-}" = "--demo" ]; then
+  packages=(cmake ninja-build g++ libboost-dev)
+fi
+
 missing=()
 for package in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" || missing+=("$package")

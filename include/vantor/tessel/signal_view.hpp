@@ -18,6 +18,7 @@
 /// once the signal is gone (the contract's signals live as long as the process).
 
 #include <cstddef>
+#include <type_traits>
 
 #include "vantor/tessel/signal.hpp"
 
@@ -50,6 +51,14 @@ class SignalView {
   template <typename Owner, typename... Owners>
   Connection connect(const Callback& callback, const Owner& owner, const Owners&... owners) const {
     return signal_->connectAs(checked("SignalView::connect"), callback, owner, owners...);
+  }
+  /// Signal::connect() for the member function `method` of `object` (a raw pointer, or a std::shared_ptr
+  /// or std::weak_ptr, which tracks the slot). Throws as connect() does.
+  template <typename Method, typename Object,
+            typename = std::enable_if_t<std::is_member_function_pointer_v<Method>>>
+  Connection connect(Method method, const Object& object) const {
+    checked("SignalView::connect");
+    return signal_->connect(method, object);
   }
   /// Signal::connectExtended(). Throws as connect() does.
   template <typename... Owners>
