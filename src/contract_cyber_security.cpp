@@ -221,6 +221,22 @@ void CyberSecurityContract::unsubscribeFromIpPortAllowed(const std::string& addr
   withdraw(portKey(address, port), "CyberSecurityContract::unsubscribeFromIpPortAllowed");
 }
 
+tessel::Connection CyberSecurityContract::connectIpPortAllowed(const std::string& address, int port,
+                                                               const FlagCallback& callback) {
+  return listen<bool>(portKey(address, port), callback, "CyberSecurityContract::connectIpPortAllowed");
+}
+
+tessel::Connection CyberSecurityContract::connectIpPortAllowed(const std::string& address, int port,
+                                                               const FlagCallback& callback,
+                                                               const std::weak_ptr<const void>& owner) {
+  return listen<bool>(portKey(address, port), callback, "CyberSecurityContract::connectIpPortAllowed", owner);
+}
+
+std::optional<bool> CyberSecurityContract::isIpPortAllowed(const std::string& address, int port) {
+  const boost::optional<bool> allowed = read<bool>(portKey(address, port), "CyberSecurityContract::isIpPortAllowed");
+  return allowed ? std::optional<bool>(*allowed) : std::nullopt;
+}
+
 bool CyberSecurityContract::isIpSecured(const std::string& address) {
   if (!secured_.load(std::memory_order_acquire)) return true;
   return read<bool>(addressKey(address), "CyberSecurityContract::isIpSecured").value_or(false);

@@ -4,10 +4,24 @@
 /// Contract: the base class of every party that owns topics on the message board.
 ///
 /// A contract named N owns the keys `"N:<topic>"`. Its protected topic operations publish a topic
-/// (`update`), hand a value to the topic's subscriber without publishing it (`notify`), subscribe to a
-/// topic (`subscribe`), read a topic back (`get`) and withdraw it (`unsubscribe`). Each key has at most
-/// one getter and one subscriber; a second subscription replaces the first. Fan-out to many listeners
-/// belongs to signals (vantor/tessel/signal.hpp), not to the board.
+/// (`update`), hand a value to the topic's subscribers without publishing it (`notify`), subscribe to a
+/// topic (`subscribe`), connect a listener to it (`connectTopic`), read a topic back (`get`) and
+/// withdraw it (`unsubscribe`). Each key has at most one getter and one subscriber; a second
+/// subscription replaces the first.
+///
+/// Listeners, beside the one subscriber: connectTopic() adds a callback to a key's listeners, any
+/// number of them, each with a tessel::Connection of its own and optionally tracked by owners, as a
+/// signal's slot is. A listener is handed the current value when it connects (if the topic is
+/// published), on the connecting thread, and then every update and notify of the key that takes the
+/// board lock after its connect did: none missed, none before that first value. Each publication
+/// hands its value to the subscriber first, then to the listeners in connection order. Listeners run
+/// under the topic's listener lock and never under the board lock, also for their first value. What
+/// ends a listener is its Connection (disconnect, an owner's expiry) and the contract's purge:
+///  - unsubscribe withdraws the value and the subscriber but leaves the listeners connected; they are
+///    handed nothing for it, and the next publication of the key reaches them. A withdrawal also frees
+///    the key's listener list once none of its listeners is connected.
+///  - the purge disconnects every listener of the keys it erases (their Connections read
+///    disconnected), and destroys their callbacks after releasing the board lock.
 ///
 /// Threads: every operation may be called from any thread, in any order. Each takes the board's lock
 /// once (BoardData::mutex) and has released it on every way out, normal or exceptional. A wait for that
@@ -27,11 +41,19 @@
 ///    can still be called after it was replaced or withdrawn, from several threads at once, and in an
 ///    order other than that of the getter stores. A subscriber that always republishes its own key
 ///    recurses without end.
+///  - Run under the topic's LISTENER lock (and not the board lock): listeners, for their first value
+///    and for publications. They may call any operation except update, notify and connectTopic on their
+///    own key: those throw `std::system_error(resource_deadlock_would_occur)` (a publication then has
+///    already stored its getter and handed the value to the subscriber). Deliveries of one key's
+///    publications to its listeners take turns, but concurrent publications can reach them in an order
+///    other than that of the getter stores, as they reach the subscriber. Modules built with headers
+///    older than 13.2 publish to the subscriber only.
 ///
 /// Value types: each key has one value type T, fixed by the first entry stored under it. An operation
-/// that names a type other than that of an entry the key holds (its getter or its subscriber, empty or
-/// not) throws std::invalid_argument naming the key and both types, before it changes or calls
-/// anything. Which types are recognised as one:
+/// that names a type other than that of an entry the key holds (its getter, its subscriber, empty or
+/// not, or its listener list, which stays while any listener is connected) throws
+/// std::invalid_argument naming the key and both types, before it changes or calls anything. Which types are recognised
+/// as one:
 ///  - within one module, every type is recognised by identity;
 ///  - across modules (an executable and its plugins, built with g++ or clang++ against libstdc++), a
 ///    type is recognised when both modules were built with RTTI: by its mangled name, which both
@@ -49,9 +71,12 @@
 /// the same name share their keys: each replaces the other's getters and subscribers, and the first one
 /// destroyed purges the other's entries too. Give each contract a name of its own.
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -62,6 +87,7 @@
 #include <boost/optional.hpp>
 
 #include "vantor/messaging/detail/stored_function.hpp"
+#include "vantor/messaging/detail/topic_listeners.hpp"
 #include "vantor/messaging/export.hpp"
 #include "vantor/messaging/message_board.hpp"
 #include "vantor/tessel/detail/thread_annotations.hpp"
@@ -76,6 +102,8 @@ namespace detail {
 [[noreturn]] VANTOR_MESSAGE_BOARD_API void throwTypeMismatch(const char* operation, const std::string& key);
 [[noreturn]] VANTOR_MESSAGE_BOARD_API void throwTypeMismatch(const char* operation, const std::string& key,
                                                              std::string_view held, std::string_view named);
+// Raise the refusal of an empty listener for `key`.
+[[noreturn]] VANTOR_MESSAGE_BOARD_API void throwEmptyListener(const char* operation, const std::string& key);
 
 inline void checkType(const StoredFunction& entry, const TypeKey& named, const char* operation, const BoardKey& key) {
   if (!sameType(entry.type(), named)) throwTypeMismatch(operation, key.text, spelling(entry.type()), spelling(named));
@@ -127,6 +155,11 @@ class VANTOR_MESSAGE_BOARD_API Contract {
   /// copy, and may call any operation.
   template <typename T>
   using Subscriber = std::function<void(const T&)>;
+  /// A topic's listener (connectTopic): handed the current value when it connects and then each later
+  /// publication. Runs under the topic's listener lock, never under the board lock: it may call any
+  /// operation except update, notify and connectTopic on its own topic (they throw std::system_error).
+  template <typename T>
+  using Listener = std::function<void(const T&)>;
 
   Contract(const Contract&) = delete;
   Contract& operator=(const Contract&) = delete;
@@ -188,8 +221,24 @@ class VANTOR_MESSAGE_BOARD_API Contract {
     subscribeKey<T>(key(topic), subscriber, "Contract::subscribe");
   }
 
-  /// Erases the key's getter and subscriber, if any, destroying them under the lock. A key with no
-  /// entries is not an error.
+  /// Connects `callback` as a listener of `topic` (beside the subscriber and any other listeners) and
+  /// returns its Connection. If the topic is published, first hands it the current value, on this thread
+  /// before returning; then every update and notify that takes the board lock after this call did.
+  /// `owners` (std::shared_ptr or std::weak_ptr) track it as Signal::connect does. Takes the topic's
+  /// listener lock, and the board lock twice inside it; the listener runs under the first only.
+  /// @throws std::invalid_argument when `callback` is empty or the key holds another value type;
+  ///         nothing changes.
+  /// @throws std::system_error (resource_deadlock_would_occur) when called under the board lock, from a
+  ///         listener of this topic, or when waiting would close a lock cycle; nothing is connected.
+  /// @throws std::bad_alloc on allocation failure. What the getter or the first delivery throws passes
+  ///         through; nothing is connected then.
+  template <typename T, typename... Owners>
+  tessel::Connection connectTopic(const std::string& topic, const Listener<T>& callback, const Owners&... owners) {
+    return listen<T>(key(topic), callback, "Contract::connectTopic", owners...);
+  }
+
+  /// Erases the key's getter and subscriber, if any, destroying them under the lock, and leaves its
+  /// listeners connected (see the file description). A key with no entries is not an error.
   /// @throws std::system_error (resource_deadlock_would_occur) as update() does.
   /// @throws std::bad_alloc when the key cannot be allocated.
   void unsubscribe(const std::string& topic);
@@ -234,10 +283,36 @@ class VANTOR_MESSAGE_BOARD_API Contract {
   /// get() on the full key `fullKey`; errors name `operation`. Throws what get() throws.
   template <typename T>
   boost::optional<T> read(std::string fullKey, const char* operation);
+  /// connectTopic() on the full key `fullKey`; errors name `operation`. `callback` is any callable
+  /// taking a `const T&` (a std::function in practice). Throws what connectTopic() throws.
+  template <typename T, typename C, typename... Owners>
+  tessel::Connection listen(std::string fullKey, const C& callback, const char* operation, const Owners&... owners);
+
+  /// Under the board lock: the key's listener list, or null when it has none.
+  /// @throws std::invalid_argument when the list holds another value type than `type`.
+  std::shared_ptr<detail::TopicListeners>* listenersOf(const BoardKey& key, const detail::TypeKey& type,
+                                                       const char* operation) const;
+  /// Takes the board lock: checks `type` against the key's entries and returns its listener list,
+  /// made if it has none. A withdrawal never frees a list that someone else holds.
+  /// @throws std::invalid_argument when the key holds another value type; nothing changes.
+  std::shared_ptr<detail::TopicListeners> joinListeners(const BoardKey& key, const detail::TypeKey& type,
+                                                        const char* operation);
+  /// Under the board lock: records `connection` among the list's listeners, dropping gone ones, and
+  /// returns the number of the list's last publication.
+  std::uint64_t admitListener(detail::TopicListeners& listeners, const tessel::Connection& connection) const;
+  /// Without the board lock: hands `value` (of the list's type) to the listeners of `delivery`, under the
+  /// list's lock. Throws what a listener throws, and std::system_error from a listener of the same key.
+  static void deliverToListeners(const detail::ListenerDelivery& delivery, const void* value, const char* operation);
   /// @endcond
 
  private:
   BoardData& data() const { return *board_.data_; }
+  // Under the board lock: the publication's hold on the key's listeners, with its number; checks `type`.
+  detail::ListenerDelivery takeListeners(const BoardKey& key, const detail::TypeKey& type,
+                                         const char* operation) const {
+    std::shared_ptr<detail::TopicListeners>* found = listenersOf(key, type, operation);
+    return found != nullptr ? detail::ListenerDelivery{*found, ++(*found)->published} : detail::ListenerDelivery{};
+  }
 
   MessageBoard& board_;
   std::string name_;
@@ -253,8 +328,10 @@ void Contract::publish(std::string fullKey, const G& getter, const char* operati
   // The stored copy is made before locking, to keep the lock short; storing it moves it in place.
   detail::StoredFunction stored = detail::StoredFunction::getter<T>(getter);
   BoardData& board = data();
+  detail::ListenerDelivery listeners;  // declared before the lock: a list is never released under it
   tessel::detail::TrackedLock lock(board.mutex, operation, key.text);
-  // Both types are checked before the getter is stored: a key never holds entries of two types.
+  // Every type is checked before the getter is stored: a key never holds entries of two types.
+  listeners = takeListeners(key, detail::typeKeyOf<T>, operation);
   const auto subscriber = detail::checkedEntry<T>(board.subscribers, key, operation);
   const auto [entry, inserted] = board.getters.try_emplace(std::move(key), std::move(stored));
   if (!inserted) {
@@ -263,25 +340,32 @@ void Contract::publish(std::string fullKey, const G& getter, const char* operati
   }
   // std::bad_function_call for an empty getter, which stays stored
   const detail::Wiped<T> value{detail::invokeOrThrow(getter)};
-  if (subscriber == board.subscribers.end()) return;
-  const detail::StoredFunction delivery = subscriber->second;
+  if (subscriber != board.subscribers.end()) {
+    const detail::StoredFunction delivery = subscriber->second;
+    lock.unlock();
+    delivery.template deliver<T>(value.value);  // std::bad_function_call for an empty subscriber
+  }
   lock.unlock();
-  delivery.template deliver<T>(value.value);  // std::bad_function_call for an empty subscriber
+  if (listeners.listeners) deliverToListeners(listeners, &value.value, operation);
 }
 
 template <typename T>
 void Contract::notifyKey(std::string fullKey, const T& value, const char* operation) {
   const BoardKey key(std::move(fullKey));
   BoardData& board = data();
+  detail::ListenerDelivery listeners;
   tessel::detail::TrackedLock lock(board.mutex, operation, key.text);
+  listeners = takeListeners(key, detail::typeKeyOf<T>, operation);
   const auto subscriber = detail::checkedEntry<T>(board.subscribers, key, operation);
   if (subscriber == board.subscribers.end()) {
     detail::checkedEntry<T>(board.getters, key, operation);
-    return;
+  } else {
+    const detail::StoredFunction delivery = subscriber->second;
+    lock.unlock();
+    delivery.template deliver<T>(value);
   }
-  const detail::StoredFunction delivery = subscriber->second;
   lock.unlock();
-  delivery.template deliver<T>(value);
+  if (listeners.listeners) deliverToListeners(listeners, &value, operation);
 }
 
 template <typename T, typename S>
@@ -292,6 +376,7 @@ void Contract::subscribeKey(std::string fullKey, const S& subscriber, const char
   tessel::detail::TrackedLock lock(board.mutex, operation, key.text);
   const auto getter = detail::checkedEntry<T>(board.getters, key, operation);
   const auto previous = detail::checkedEntry<T>(board.subscribers, key, operation);
+  listenersOf(key, detail::typeKeyOf<T>, operation);
   if (getter != board.getters.end() && !getter->second.empty()) {
     const detail::Wiped<T> value{getter->second.template get<T>()};
     detail::invokeOrThrow(subscriber, value.value);  // the initial delivery; nothing is stored if it throws
@@ -311,10 +396,49 @@ boost::optional<T> Contract::read(std::string fullKey, const char* operation) {
   const auto getter = detail::checkedEntry<T>(board.getters, key, operation);
   if (getter == board.getters.end()) {
     detail::checkedEntry<T>(board.subscribers, key, operation);
+    listenersOf(key, detail::typeKeyOf<T>, operation);
     return boost::none;
   }
   if (getter->second.empty()) return boost::none;
   return getter->second.template get<T>();
+}
+
+// The listener is attached under the list's lock, before the current value and the last publication's
+// number are read under the board's: no delivery can reach it before it has that number (deliveries
+// take the list's lock), and every publication numbered after it waits for the list's lock, which is
+// held until the listener has been handed the current value (topic_listeners.hpp has the argument).
+template <typename T, typename C, typename... Owners>
+tessel::Connection Contract::listen(std::string fullKey, const C& callback, const char* operation,
+                                    const Owners&... owners) {
+  refuseUnderBoardLock(operation, detail::TopicListeners::kLockName);
+  const BoardKey key(std::move(fullKey));
+  if (detail::isEmpty(callback)) detail::throwEmptyListener(operation, key.text);
+  const auto listener = std::make_shared<detail::TopicListener<T, C>>(callback);
+  const std::shared_ptr<detail::TopicListeners> listeners = joinListeners(key, detail::typeKeyOf<T>, operation);
+  tessel::detail::TrackedLock listening(listeners->mutex, operation, key.text);
+  struct Undo {  // a connect that fails leaves its listener disconnected, never called
+    tessel::Connection connection;
+    bool done = false;
+    ~Undo() {
+      if (!done) connection.disconnect();
+    }
+  } undo{listeners->signal.connectAs(
+      operation, [listener](const void* value, std::uint64_t number) { (*listener)(value, number); }, owners...)};
+  boost::optional<detail::Wiped<T>> current;
+  {
+    BoardData& board = data();
+    tessel::detail::TrackedLock lock(board.mutex, operation, key.text);
+    const auto getter = detail::checkedEntry<T>(board.getters, key, operation);  // a module of 13.1 checks no list
+    if (getter != board.getters.end() && !getter->second.empty())
+      current = detail::Wiped<T>{getter->second.template get<T>()};
+    listener->joinedAfter = admitListener(*listeners, undo.connection);
+  }
+  // An owner that has expired, or expires now, gets no first value: the listener is never called.
+  const std::array<std::shared_ptr<const void>, sizeof...(Owners)> kept{std::weak_ptr<const void>(owners).lock()...};
+  if (current && std::all_of(kept.begin(), kept.end(), [](const auto& owner) { return owner != nullptr; }))
+    listener->callback(current->value);
+  undo.done = true;
+  return undo.connection;
 }
 
 /// @endcond

@@ -17,7 +17,8 @@
 /// | `"NewCredentials"`      | bool  | updateAboutNewCreds() (notified only)    | the new-credentials signal    |
 /// | `"SecurityToken"`       | Token | updateSecurityToken()                    | the token signal              |
 /// | `"IP:<address>"`        | bool  | updateIpAllPortsAllowed()                | isIpSecured(), which reads it |
-/// | `"IP:<address>:<port>"` | bool  | updateIpPortAllowed(), and the port walk | subscribeToIpPortAllowed()    |
+/// | `"IP:<address>:<port>"` | bool  | updateIpPortAllowed(), and the port walk | subscribeToIpPortAllowed()'s one
+/// callback, every connectIpPortAllowed() listener, isIpPortAllowed() |
 ///
 /// Addresses enter keys byte for byte, unvalidated and unescaped; ports are written as `"%d"` prints
 /// them.
@@ -68,6 +69,7 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -222,10 +224,33 @@ class VANTOR_MESSAGE_BOARD_API CyberSecurityContract final : public Contract {
   /// @throws std::system_error (resource_deadlock_would_occur) as updateIpPortAllowed() does.
   /// @throws std::bad_alloc on allocation failure.
   void subscribeToIpPortAllowed(const std::string& address, int port, const FlagCallback& callback);
-  /// Removes the pair's published flag and its listener; a pair with neither is not an error.
+  /// Removes the pair's published flag and its subscription. Listeners connected with
+  /// connectIpPortAllowed() stay connected, are handed nothing for it, and receive the pair's next
+  /// publication. A pair with neither flag nor subscription is not an error.
   /// @throws std::system_error (resource_deadlock_would_occur) as updateIpPortAllowed() does.
   /// @throws std::bad_alloc when the key cannot be allocated.
   void unsubscribeFromIpPortAllowed(const std::string& address, int port);
+  /// Adds `callback` to the pair's listeners, any number of them beside its one subscription, and returns
+  /// its Connection (disconnecting it withdraws nothing). If the pair has a published flag, `callback`
+  /// receives it first, on this thread before this returns; then every later publication of the pair,
+  /// none missed. It runs under the pair's listener lock, not the board lock, and must not publish the
+  /// same pair nor connect to it (both throw `std::system_error`); it may call any other operation.
+  /// @throws std::invalid_argument when `callback` is empty; nothing changes.
+  /// @throws std::system_error (resource_deadlock_would_occur) under the board lock (a getter, an initial
+  ///         delivery), from a listener of the same pair, or when a wait would close a lock cycle.
+  /// @throws std::bad_alloc on allocation failure. What the first delivery throws passes through; then,
+  ///         as on every failure, nothing is connected.
+  tessel::Connection connectIpPortAllowed(const std::string& address, int port, const FlagCallback& callback);
+  /// connectIpPortAllowed() for a listener tracked by `owner` (a std::shared_ptr or std::weak_ptr of any
+  /// type converts), as connectSecuredSignalWithHandle() with an owner: never called once the owner has
+  /// expired, which it keeps alive while it runs. Throws as the other form does.
+  tessel::Connection connectIpPortAllowed(const std::string& address, int port, const FlagCallback& callback,
+                                          const std::weak_ptr<const void>& owner);
+  /// The flag last published for the pair, or none when it was never published or was withdrawn since.
+  /// Reads the board under its lock; calls no callback.
+  /// @throws std::system_error (resource_deadlock_would_occur) as updateIpPortAllowed() does.
+  /// @throws std::bad_alloc when the key cannot be allocated.
+  std::optional<bool> isIpPortAllowed(const std::string& address, int port);
   /// True while the system is not secured, for every address; otherwise the flag last published for
   /// the address as a whole, false if none was. Port flags do not count.
   /// @throws std::system_error (resource_deadlock_would_occur) while secured, as updateIpPortAllowed()

@@ -1,0 +1,74 @@
+#pragma once
+
+// The listeners of one board key: any number of callbacks that, beside the key's one subscriber, are
+// handed the key's current value when they connect and then every later publication of the key.
+//
+// The board keeps one TopicListeners per key that has listeners, in a map of the library's own
+// (message_board.cpp) beside BoardData, under the board's mutex; Contract's operations reach it
+// through exported functions. (The map is not a member of BoardData, whose layout is part of the ABI.)
+//
+// Lock order: `mutex` is taken before the board's mutex, never under it, and the list's signal only
+// under `mutex`. A publication numbers itself and takes a reference to the list under the board's
+// mutex, and delivers under `mutex` once the board's is released; a connect holds `mutex` from before
+// it reads the current value under the board's mutex until it has attached its listener and handed it
+// that value. So a publication that took the board's mutex after the connect did reaches the listener
+// (its delivery waits for `mutex`, which the connect holds until the listener is attached), and one
+// that took it before never does after the initial value: its number is at most the one the connect
+// read, and the listener skips such numbers.
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "vantor/messaging/detail/stored_function.hpp"
+#include "vantor/tessel/detail/thread_annotations.hpp"
+#include "vantor/tessel/detail/tracked_lock.hpp"
+#include "vantor/tessel/signal.hpp"
+
+namespace vantor::messaging::detail {
+
+struct TopicListeners {
+  static constexpr const char* kLockName = "the topic's listener lock";
+
+  TopicListeners(std::string fullKey, const TypeKey& valueType) : key(std::move(fullKey)), type(valueType) {}
+
+  const std::string key;  // the full key, for error messages
+  const TypeKey& type;    // the key's value type: the list fixes it as a getter or a subscriber does
+  // Held by a connect from before it reads the current value until its listener has it, and by each
+  // delivery while the listeners run. Never taken under the board's mutex.
+  tessel::detail::TrackedMutex mutex{kLockName};
+  // Guarded by the board's mutex: the number of the last publication that took this list.
+  std::uint64_t published = 0;
+  // Guarded by the board's mutex: every listener connected (gone ones are dropped when one joins), by
+  // which a withdrawal tells whether the list still serves anyone.
+  std::vector<tessel::Connection> connections;
+  // Guarded by the board's mutex: links the lists that one purge erased, to be destroyed after it.
+  std::shared_ptr<TopicListeners> purgedNext;
+  // The listeners, each handed a pointer to the value (of `type`) and the publication's number.
+  // Connected and emitted only under `mutex`, so its own lock is never contended.
+  tessel::Signal<const void*, std::uint64_t> signal VANTOR_GUARDED_BY(mutex){"a topic's listener list"};
+};
+
+// What a publication takes, under the board's mutex, to deliver to the key's listeners after releasing
+// it: the list (null when the key has none) and the publication's number.
+struct ListenerDelivery {
+  std::shared_ptr<TopicListeners> listeners;
+  std::uint64_t number = 0;
+};
+
+// One listener: its callback (a callable taking a const T&) and the number of the last publication
+// it must not be handed, which its connect sets under the list's mutex before any delivery can reach
+// it; until then it is the largest number.
+template <typename T, typename C>
+struct TopicListener {
+  explicit TopicListener(const C& function) : callback(function) {}
+  void operator()(const void* value, std::uint64_t number) const {
+    if (number > joinedAfter) callback(*static_cast<const T*>(value));
+  }
+  C callback;
+  std::uint64_t joinedAfter = UINT64_MAX;
+};
+
+}  // namespace vantor::messaging::detail
