@@ -12,6 +12,7 @@ namespace {
 
 std::atomic<bool> counting{false};
 std::atomic<long long> netBytes{0};
+std::atomic<long long> allocationCount{0};
 
 void* allocate(std::size_t size) {
   if (size == 0) size = 1;
@@ -19,6 +20,7 @@ void* allocate(std::size_t size) {
     if (void* block = std::malloc(size)) {
       if (counting.load(std::memory_order_relaxed)) {
         netBytes.fetch_add(static_cast<long long>(malloc_usable_size(block)), std::memory_order_relaxed);
+        allocationCount.fetch_add(1, std::memory_order_relaxed);
       }
       return block;
     }
@@ -52,12 +54,15 @@ std::vector<RatioLine>& lines() {
 
 HeapWindow::HeapWindow() {
   netBytes.store(0, std::memory_order_relaxed);
+  allocationCount.store(0, std::memory_order_relaxed);
   counting.store(true, std::memory_order_seq_cst);
 }
 
 HeapWindow::~HeapWindow() { counting.store(false, std::memory_order_seq_cst); }
 
 long long HeapWindow::bytes() const { return netBytes.load(std::memory_order_relaxed); }
+
+long long HeapWindow::allocations() const { return allocationCount.load(std::memory_order_relaxed); }
 
 Group& Group::add(const std::string& name, Body body, Configure configure) {
   members_.push_back(Member{name, std::move(body), std::move(configure)});
@@ -90,9 +95,9 @@ void addDifference(const std::string& section, const std::string& label, const s
   lines().push_back(RatioLine{section, label, minuend, subtrahend, Goal::None, 0.0, "", unit, true});
 }
 
-void addValue(const std::string& section, const std::string& label, const std::string& figure,
-              const std::string& unit) {
-  lines().push_back(RatioLine{section, label, figure, "", Goal::None, 0.0, "", unit, false});
+void addValue(const std::string& section, const std::string& label, const std::string& figure, const std::string& unit,
+              Goal goal, double limit) {
+  lines().push_back(RatioLine{section, label, figure, "", goal, limit, "", unit, false});
 }
 const std::vector<RatioLine>& ratioLines() { return lines(); }
 

@@ -26,7 +26,8 @@ struct CountTrue {
 };
 
 // Net heap bytes (as malloc_usable_size counts them, so allocator rounding is included) allocated
-// minus freed through operator new/delete on any thread while the window is open. Counting happens
+// minus freed through operator new/delete on any thread while the window is open, and the number of
+// allocations. Counting happens
 // only inside a window, so that the replaced operator new costs every timed loop what the default one
 // does. Windows must not overlap.
 class HeapWindow {
@@ -38,6 +39,8 @@ class HeapWindow {
 
   // Net bytes since the window opened; the window stays open until destroyed.
   long long bytes() const;
+  // Allocations (calls of operator new) since the window opened.
+  long long allocations() const;
 };
 
 // ---- rounds
@@ -97,7 +100,8 @@ void addRatio(const std::string& section, const std::string& label, const std::s
               const std::string& denominator, Goal goal = Goal::None, double limit = 0.0, const std::string& note = "");
 void addDifference(const std::string& section, const std::string& label, const std::string& minuend,
                    const std::string& subtrahend, const std::string& unit);
-void addValue(const std::string& section, const std::string& label, const std::string& figure, const std::string& unit);
+void addValue(const std::string& section, const std::string& label, const std::string& figure, const std::string& unit,
+              Goal goal = Goal::None, double limit = 0.0);
 const std::vector<RatioLine>& ratioLines();
 
 // Registration of the cases, called by main in this order, which is also the order they run in.
@@ -106,5 +110,6 @@ void registerTrackedLockBenchmarks();
 void registerBoardBenchmarks();
 void registerContentionBenchmarks();
 void registerScaleBenchmarks();
+void registerMailboxBenchmarks();
 
 }  // namespace vantor_bench

@@ -162,6 +162,8 @@ std::string formatValue(double value, const std::string& unit) {
     std::snprintf(text, sizeof text, "%.2fx", value);
   } else if (unit == "B") {
     std::snprintf(text, sizeof text, "%.0f B", value);
+  } else if (unit == "per call") {
+    std::snprintf(text, sizeof text, "%.2f per call", value);
   } else {
     std::snprintf(text, sizeof text, "%+.2f %s", value, unit.c_str());
   }
@@ -287,6 +289,7 @@ int main(int argc, char** argv) {
   registerBoardBenchmarks();
   registerContentionBenchmarks();
   registerScaleBenchmarks();
+  registerMailboxBenchmarks();
 
   std::ofstream tsv;
   if (!ratiosOut.empty()) {

@@ -104,6 +104,24 @@ tessel::Connection CyberSecurityContract::connectTo(Signal& signal, const Callba
   return signal.connectAs(operation, callback, owner...);
 }
 
+// A view's operations all take its signal's lock: like the connect operations, they refuse at once
+// under the board's.
+template <typename... Args>
+tessel::SignalView<Args...> CyberSecurityContract::viewOf(tessel::Signal<Args...>& signal) {
+  const auto refuse = [](const void* contract, const char* operation, const char* lockName) {
+    static_cast<const CyberSecurityContract*>(contract)->refuseUnderBoardLock(operation, lockName);
+  };
+  return tessel::SignalView<Args...>(signal, refuse, this);
+}
+
+tessel::SignalView<bool> CyberSecurityContract::securedSignal() { return viewOf(securedSignal_); }
+
+tessel::SignalView<bool> CyberSecurityContract::newCredentialsSignal() { return viewOf(newCredentialsSignal_); }
+
+tessel::SignalView<CyberSecurityContract::OptionalToken> CyberSecurityContract::securityTokenSignal() {
+  return viewOf(securityTokenSignal_);
+}
+
 void CyberSecurityContract::connectSecuredSignal(const FlagCallback& callback) {
   connectTo(securedSignal_, callback, "CyberSecurityContract::connectSecuredSignal");
 }

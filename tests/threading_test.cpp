@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "test_support.hpp"
+#include "vantor/tessel/mailbox.hpp"
 
 namespace vantor::messaging {
 
@@ -114,6 +115,51 @@ TEST(CyberSecurityContract, OperationsFromFiveHostThreadsAtOnceLoseNoCallTearNoT
   EXPECT_EQ(torn, 0);
   for (int port : {1, 2}) contract.unsubscribeFromIpPortAllowed(address, port);  // the listeners count into this frame
   contract.setRegisterConnectionCallback({});
+}
+
+// Two producers emit into a queued slot and two post straight to the mailbox, while the consumer waits
+// and drains: every call arrives once, and each producer's calls arrive in their order.
+TEST(Mailbox, FourProducersAndOneConsumerLoseAndDuplicateNothing) {
+  tessel::Mailbox box;
+  tessel::Signal<std::size_t, int> signal;
+  std::vector<int> next(4, 0);  // per producer, the round expected next; touched by the consumer only
+  int misordered = 0, received = 0;
+  const auto record = [&](std::size_t producer, int round) { misordered += round != next[producer]++, ++received; };
+  signal.connectQueued(box, record);
+  runTogether(5, [&](std::size_t index) {
+    for (int round = 0; index < 2 && round < kRounds; ++round) signal.emit(index, round);
+    for (int round = 0; index >= 2 && index < 4 && round < kRounds; ++round)
+      box.post([&, index, round] { record(index, round); });
+    while (index == 4 && received < 4 * kRounds && box.waitFor(std::chrono::minutes(1))) box.drain();
+  });
+  EXPECT_EQ(received, 4 * kRounds);
+  EXPECT_EQ(misordered, 0);
+}
+
+// A drain that finds another one running waits for it: the second drain runs the call posted during the
+// first only after the first call has returned.
+TEST(Mailbox, DrainsFromTwoThreadsTakeTurns) {
+  const auto waitsForALock = [](std::thread::id thread) {
+    tessel::detail::WaitRegistry& registry = tessel::detail::waitRegistry();
+    const std::lock_guard<std::mutex> lock(registry.mutex);
+    for (const tessel::detail::WaitRecord* record = registry.waiting; record != nullptr; record = record->next)
+      if (record->thread == thread) return true;
+    return false;
+  };
+  tessel::Mailbox box;
+  std::atomic<bool> firstRuns{false}, secondDone{false};
+  std::size_t secondRan = 0;
+  std::thread second;
+  box.post([&] {
+    firstRuns = true;
+    box.post([&] { EXPECT_FALSE(firstRuns) << "the second drain ran while the first one's call did"; });
+    second = std::thread([&] { secondRan = box.drain(), secondDone = true; });
+    while (!waitsForALock(second.get_id()) && !secondDone) std::this_thread::yield();
+    firstRuns = false;
+  });
+  EXPECT_EQ(box.drain(), 1u);
+  second.join();
+  EXPECT_EQ(secondRan, 1u);
 }
 
 }  // namespace vantor::messaging

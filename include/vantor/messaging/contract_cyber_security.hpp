@@ -55,6 +55,11 @@
 /// lock failures) reaches the caller with every lock released. A publication whose callback fails has
 /// already stored the new state: the member holds the new value and the board the new getter.
 ///
+/// Views: securedSignal(), newCredentialsSignal() and securityTokenSignal() hand out each signal's
+/// connect side (tessel::SignalView: every connect form of tessel::Signal, slotCount(), empty()), among
+/// them connectQueued(), which delivers on a component's own thread through a tessel::Mailbox
+/// (vantor/tessel/mailbox.hpp) instead of on the publishing thread.
+///
 /// Lifetime: built on the first instance() call (callers that arrive meanwhile wait; a constructor that
 /// throws is retried by the next call), destroyed at process exit or library unload, before the board;
 /// its destruction removes every board entry whose key starts with "CyberSecurity". No operation may
@@ -81,6 +86,7 @@
 #include "vantor/tessel/detail/thread_annotations.hpp"
 #include "vantor/tessel/detail/tracked_lock.hpp"
 #include "vantor/tessel/signal.hpp"
+#include "vantor/tessel/signal_view.hpp"
 
 // The host's user-activity logger: a class that the host defines, in the global namespace. The library
 // only declares it and passes references to it around; it never calls into a Logger.
@@ -172,6 +178,19 @@ class VANTOR_MESSAGE_BOARD_API CyberSecurityContract final : public Contract {
   /// with an owner. Throws as connectSecuredSignal() does.
   tessel::Connection connectSecurityTokenSignalWithHandle(const TokenCallback& callback,
                                                           const std::weak_ptr<const void>& owner);
+
+  /// The secured signal's connect side, for every connect form of tessel::Signal (tracked,
+  /// connectExtended, connectQueued for delivery on a component's own thread), slotCount() and empty().
+  /// Its callbacks run as those of connectSecuredSignal() do (or, queued, at the mailbox's drain). Each
+  /// operation of the view first refuses to run under the board lock and throws as
+  /// connectSecuredSignal() does. The view refers to the contract's signal: valid for the process's
+  /// life. Takes no lock, never throws.
+  tessel::SignalView<bool> securedSignal();
+  /// The new-credentials signal's connect side, as securedSignal() describes.
+  tessel::SignalView<bool> newCredentialsSignal();
+  /// The token signal's connect side, as securedSignal() describes; its callbacks receive what those of
+  /// connectSecurityTokenSignal() do (a queued callback, its own copy of the token, to wipe).
+  tessel::SignalView<OptionalToken> securityTokenSignal();
 
   // ---- security state
 
@@ -290,6 +309,8 @@ class VANTOR_MESSAGE_BOARD_API CyberSecurityContract final : public Contract {
 
   template <typename Signal, typename Callback, typename... Owner>
   tessel::Connection connectTo(Signal& signal, const Callback& callback, const char* operation, const Owner&... owner);
+  template <typename... Args>
+  tessel::SignalView<Args...> viewOf(tessel::Signal<Args...>& signal);
   std::string topicKey(std::string_view topic) const;
   std::string addressKey(const std::string& address) const;
   std::string portKey(const std::string& address, int port) const;

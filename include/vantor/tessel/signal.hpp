@@ -378,6 +378,22 @@ class Signal {
     return attach("Signal::connectExtended", std::move(bound), std::move(status));
   }
 
+  // ---- queued connections: delivery on the thread that drains a tessel::Mailbox (mailbox.hpp)
+
+  /// connect() for a callback that runs on the thread that drains `mailbox`, a tessel::Mailbox (the
+  /// caller includes vantor/tessel/mailbox.hpp). Each delivery to the slot posts a call holding decayed
+  /// copies of the arguments, on the emitting thread and under this signal's mutex; the call runs at
+  /// the mailbox's next drain(), without this signal's lock. A call whose slot was disconnected, or an
+  /// owner expired, by then is dropped: once disconnect() has returned on the draining thread, no call
+  /// of the slot runs. `owners` track the slot as connect() does, and each call keeps them alive while
+  /// it runs, on the draining thread. Posts to a destroyed mailbox are dropped. Built on
+  /// connectExtended() (whose name errors give) and throws what it throws; an emission also throws what
+  /// Mailbox::post() throws.
+  template <typename MailboxType, typename... Owners>
+  Connection connectQueued(MailboxType& mailbox, const Callback& callback, const Owners&... owners) {
+    return connectExtended(makeQueuedSlot(mailbox, callback, owners...), owners...);  // found with the mailbox
+  }
+
   /// Takes the mutex and calls each live slot once with `args`, in connection order, on this thread:
   /// disconnected slots are erased, blocked ones skipped (the file description says when a flag change
   /// made during the emission takes effect). Every slot but the last live one receives copies of
