@@ -3,7 +3,9 @@
 #include <string.h>  // explicit_bzero  NOLINT(modernize-deprecated-headers)
 
 #include <charconv>
+
 #include <utility>
+#include "vantor/tessel/mailbox.hpp"
 
 namespace vantor::tessel {
 
@@ -248,6 +250,18 @@ tessel::Connection CyberSecurityContract::connectIpPortAllowed(const std::string
                                                                const FlagCallback& callback,
                                                                const std::weak_ptr<const void>& owner) {
   return listen<bool>(portKey(address, port), callback, "CyberSecurityContract::connectIpPortAllowed", owner);
+}
+
+tessel::Connection CyberSecurityContract::connectIpPortAllowed(const std::string& address, int port,
+                                                               tessel::Mailbox& mailbox, const FlagCallback& callback) {
+  return listenQueued<bool>(portKey(address, port), mailbox, callback, "CyberSecurityContract::connectIpPortAllowed");
+}
+
+tessel::Connection CyberSecurityContract::connectIpPortAllowed(const std::string& address, int port,
+                                                               tessel::Mailbox& mailbox, const FlagCallback& callback,
+                                                               const std::weak_ptr<const void>& owner) {
+  return listenQueued<bool>(portKey(address, port), mailbox, callback, "CyberSecurityContract::connectIpPortAllowed",
+                            owner);
 }
 
 std::optional<bool> CyberSecurityContract::isIpPortAllowed(const std::string& address, int port) {

@@ -93,6 +93,10 @@
 #include "vantor/tessel/detail/thread_annotations.hpp"
 #include "vantor/tessel/detail/tracked_lock.hpp"
 
+namespace vantor::tessel {
+class Mailbox;  // vantor/tessel/mailbox.hpp, which the callers of the queued connectTopic() include
+}  // namespace vantor::tessel
+
 namespace vantor::messaging {
 
 namespace detail {
@@ -236,6 +240,17 @@ class VANTOR_MESSAGE_BOARD_API Contract {
   tessel::Connection connectTopic(const std::string& topic, const Listener<T>& callback, const Owners&... owners) {
     return listen<T>(key(topic), callback, "Contract::connectTopic", owners...);
   }
+  /// connectTopic() for a listener that runs on the thread that drains `mailbox` (the caller includes
+  /// vantor/tessel/mailbox.hpp): the current value, and then each publication, is posted to the mailbox
+  /// as a copy, in that order, under the topic's listener lock; the call runs at the mailbox's next
+  /// drain() unless the listener was disconnected, or an owner expired, by then (owners are kept alive
+  /// while it runs). Throws what connectTopic() throws; a publication also throws what
+  /// Mailbox::post() throws.
+  template <typename T, typename... Owners>
+  tessel::Connection connectTopic(const std::string& topic, tessel::Mailbox& mailbox, const Listener<T>& callback,
+                                  const Owners&... owners) {
+    return listenQueued<T>(key(topic), mailbox, callback, "Contract::connectTopic", owners...);
+  }
 
   /// Erases the key's getter and subscriber, if any, destroying them under the lock, and leaves its
   /// listeners connected (see the file description). A key with no entries is not an error.
@@ -287,6 +302,14 @@ class VANTOR_MESSAGE_BOARD_API Contract {
   /// taking a `const T&` (a std::function in practice). Throws what connectTopic() throws.
   template <typename T, typename C, typename... Owners>
   tessel::Connection listen(std::string fullKey, const C& callback, const char* operation, const Owners&... owners);
+  /// The queued connectTopic() on the full key `fullKey`; errors name `operation`. `callback` is a
+  /// std::function taking a `const T&` or a `T`. Throws what connectTopic() throws.
+  template <typename T, typename F, typename... Owners>
+  tessel::Connection listenQueued(std::string fullKey, tessel::Mailbox& mailbox, const std::function<F>& callback,
+                                  const char* operation, const Owners&... owners) {
+    if (!callback) detail::throwEmptyListener(operation, fullKey);
+    return listen<T>(std::move(fullKey), makeQueuedSlot(mailbox, callback, owners...), operation, owners...);
+  }
 
   /// Under the board lock: the key's listener list, or null when it has none.
   /// @throws std::invalid_argument when the list holds another value type than `type`.
@@ -424,6 +447,7 @@ tessel::Connection Contract::listen(std::string fullKey, const C& callback, cons
     }
   } undo{listeners->signal.connectAs(
       operation, [listener](const void* value, std::uint64_t number) { (*listener)(value, number); }, owners...)};
+  listener->self = undo.connection;
   boost::optional<detail::Wiped<T>> current;
   {
     BoardData& board = data();
@@ -436,7 +460,7 @@ tessel::Connection Contract::listen(std::string fullKey, const C& callback, cons
   // An owner that has expired, or expires now, gets no first value: the listener is never called.
   const std::array<std::shared_ptr<const void>, sizeof...(Owners)> kept{std::weak_ptr<const void>(owners).lock()...};
   if (current && std::all_of(kept.begin(), kept.end(), [](const auto& owner) { return owner != nullptr; }))
-    listener->callback(current->value);
+    listener->deliver(current->value);
   undo.done = true;
   return undo.connection;
 }

@@ -265,6 +265,16 @@ class VANTOR_MESSAGE_BOARD_API CyberSecurityContract final : public Contract {
   /// expired, which it keeps alive while it runs. Throws as the other form does.
   tessel::Connection connectIpPortAllowed(const std::string& address, int port, const FlagCallback& callback,
                                           const std::weak_ptr<const void>& owner);
+  /// connectIpPortAllowed() for a listener that runs on the thread that drains `mailbox` (the caller
+  /// includes vantor/tessel/mailbox.hpp): the pair's flag, then each publication, is posted to the
+  /// mailbox in that order, and runs at its next drain() unless the listener was disconnected, or
+  /// `owner` expired, by then, as Contract::connectTopic() with a mailbox does. Throws as
+  /// connectIpPortAllowed() does; a publication also throws what Mailbox::post() throws.
+  tessel::Connection connectIpPortAllowed(const std::string& address, int port, tessel::Mailbox& mailbox,
+                                          const FlagCallback& callback);
+  /// The queued connectIpPortAllowed() for a listener tracked by `owner`. Throws as the other forms do.
+  tessel::Connection connectIpPortAllowed(const std::string& address, int port, tessel::Mailbox& mailbox,
+                                          const FlagCallback& callback, const std::weak_ptr<const void>& owner);
   /// The flag last published for the pair, or none when it was never published or was withdrawn since.
   /// Reads the board under its lock; calls no callback.
   /// @throws std::system_error (resource_deadlock_would_occur) as updateIpPortAllowed() does.

@@ -19,6 +19,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -58,16 +59,25 @@ struct ListenerDelivery {
   std::uint64_t number = 0;
 };
 
-// One listener: its callback (a callable taking a const T&) and the number of the last publication
-// it must not be handed, which its connect sets under the list's mutex before any delivery can reach
-// it; until then it is the largest number.
+// One listener: its callback (a callable taking a const T&, or its own Connection and a const T& as a
+// queued listener's tessel::QueuedSlot does), its Connection, and the number of the last publication it
+// must not be handed. Its connect sets both under the list's mutex before any delivery can reach it;
+// until then the number is the largest.
 template <typename T, typename C>
 struct TopicListener {
   explicit TopicListener(const C& function) : callback(function) {}
   void operator()(const void* value, std::uint64_t number) const {
-    if (number > joinedAfter) callback(*static_cast<const T*>(value));
+    if (number > joinedAfter) deliver(*static_cast<const T*>(value));
+  }
+  void deliver(const T& value) const {
+    if constexpr (std::is_invocable_v<const C&, const tessel::Connection&, const T&>) {
+      callback(self, value);
+    } else {
+      callback(value);
+    }
   }
   C callback;
+  tessel::Connection self;
   std::uint64_t joinedAfter = UINT64_MAX;
 };
 
