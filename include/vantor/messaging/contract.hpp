@@ -14,9 +14,12 @@
 /// signal's slot is. A listener is handed the current value when it connects (if the topic is
 /// published), on the connecting thread, and then every update and notify of the key that takes the
 /// board lock after its connect did: none missed, none before that first value. Each publication
-/// hands its value to the subscriber first, then to the listeners in connection order. Listeners run
-/// under the topic's listener lock and never under the board lock, also for their first value. What
-/// ends a listener is its Connection (disconnect, an owner's expiry) and the contract's purge:
+/// hands its value to the subscriber first, then to the listeners in connection order; an exception
+/// (from the subscriber, std::bad_function_call for an empty one, or from a listener) ends it there,
+/// and the listeners after that point miss the value. Listeners run under the topic's listener lock
+/// and never under the board lock, also for their first value; a queued listener (connectTopic with a
+/// tessel::Mailbox) runs at its mailbox's drain instead. What ends a listener is its Connection
+/// (disconnect, an owner's expiry) and the contract's purge:
 ///  - unsubscribe withdraws the value and the subscriber but leaves the listeners connected; they are
 ///    handed nothing for it, and the next publication of the key reaches them. A withdrawal also frees
 ///    the key's listener list once none of its listeners is connected.
@@ -24,8 +27,8 @@
 ///    disconnected), and destroys their callbacks after releasing the board lock.
 ///
 /// Threads: every operation may be called from any thread, in any order. Each takes the board's lock
-/// once (BoardData::mutex) and has released it on every way out, normal or exceptional. A wait for that
-/// lock that would close a cycle of threads waiting for each other's library locks throws
+/// once (BoardData::mutex; connectTopic twice) and has released it on every way out, normal or exceptional. A wait for
+/// that lock that would close a cycle of threads waiting for each other's library locks throws
 /// `std::system_error(resource_deadlock_would_occur)` in the thread that closes it, instead of hanging.
 ///
 /// Callbacks and the board lock:

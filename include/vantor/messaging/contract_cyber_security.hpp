@@ -11,14 +11,17 @@
 ///
 /// Topics, on the message board under the contract's name "CyberSecurity":
 ///
-/// | Topic                   | Value | Published by                             | Reaches                       |
-/// |-------------------------|-------|------------------------------------------|-------------------------------|
-/// | `"Secured"`             | bool  | updateSecured()                          | the secured signal            |
-/// | `"NewCredentials"`      | bool  | updateAboutNewCreds() (notified only)    | the new-credentials signal    |
-/// | `"SecurityToken"`       | Token | updateSecurityToken()                    | the token signal              |
-/// | `"IP:<address>"`        | bool  | updateIpAllPortsAllowed()                | isIpSecured(), which reads it |
-/// | `"IP:<address>:<port>"` | bool  | updateIpPortAllowed(), and the port walk | subscribeToIpPortAllowed()'s one
-/// callback, every connectIpPortAllowed() listener, isIpPortAllowed() |
+/// | Topic                   | Value | Published by                             | Reaches                         |
+/// |-------------------------|-------|------------------------------------------|---------------------------------|
+/// | `"Secured"`             | bool  | updateSecured()                          | the secured signal              |
+/// | `"NewCredentials"`      | bool  | updateAboutNewCreds() (notified only)    | the new-credentials signal      |
+/// | `"SecurityToken"`       | Token | updateSecurityToken()                    | the token signal                |
+/// | `"IP:<address>"`        | bool  | updateIpAllPortsAllowed()                | isIpSecured(), which reads it   |
+/// | `"IP:<address>:<port>"` | bool  | updateIpPortAllowed(), and the port walk | one subscription, any listeners |
+///
+/// A pair's one subscription (subscribeToIpPortAllowed) is replaced by the next; its listeners
+/// (connectIpPortAllowed, any number, each with a Connection, tracked or queued if asked) sit beside
+/// it and are handed its flag first, then every later publication. isIpPortAllowed() reads the flag.
 ///
 /// Addresses enter keys byte for byte, unvalidated and unescaped; ports are written as `"%d"` prints
 /// them.
@@ -44,7 +47,9 @@
 /// delivery of its subscription; during that initial delivery an operation that takes the board lock
 /// (updates, (un)subscriptions, isIpSecured while secured) throws the same error, and so does a
 /// connect operation (it would take a signal's lock under the board's, the one order that may close a
-/// cycle), at once. Cycles through a mutex of the host's own are not detected and still hang.
+/// cycle), at once. A listener of connectIpPortAllowed never runs under the board lock, but under its
+/// pair's listener lock: it may call any operation except publishing its own pair or connecting to it,
+/// which throw the same error. Cycles through a mutex of the host's own are not detected and still hang.
 ///
 /// The security token: the contract wipes its copy of the token when it is replaced or cleared and
 /// when the contract is destroyed, and the board wipes the copies it reads through the getter. The
