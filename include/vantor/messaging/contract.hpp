@@ -27,9 +27,10 @@
 ///    disconnected), and destroys their callbacks after releasing the board lock.
 ///
 /// Threads: every operation may be called from any thread, in any order. Each takes the board's lock
-/// once (BoardData::mutex; connectTopic twice) and has released it on every way out, normal or exceptional. A wait for
-/// that lock that would close a cycle of threads waiting for each other's library locks throws
-/// `std::system_error(resource_deadlock_would_occur)` in the thread that closes it, instead of hanging.
+/// once (BoardData::mutex; connectTopic twice) and has released it on every way out, normal or
+/// exceptional. A wait for that lock that would close a cycle of threads waiting for each other's
+/// library locks throws `std::system_error(resource_deadlock_would_occur)` in the thread that closes
+/// it, instead of hanging.
 ///
 /// Callbacks and the board lock:
 ///  - Run UNDER the board lock: getters (in update, subscribe, get), the initial delivery of subscribe,
