@@ -65,7 +65,7 @@ struct ListenerDelivery {
 // until then the number is the largest.
 template <typename T, typename C>
 struct TopicListener {
-  explicit TopicListener(const C& function) : callback(function) {}
+  explicit TopicListener(C function) : callback(std::move(function)) {}
   void operator()(const void* value, std::uint64_t number) const {
     if (number > joinedAfter) deliver(*static_cast<const T*>(value));
   }
