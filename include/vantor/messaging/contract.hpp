@@ -371,8 +371,9 @@ void Contract::publish(std::string fullKey, const G& getter, const char* operati
     const detail::StoredFunction delivery = subscriber->second;
     lock.unlock();
     delivery.template deliver<T>(value.value);  // std::bad_function_call for an empty subscriber
+  } else {
+    lock.unlock();
   }
-  lock.unlock();
   if (listeners.listeners) deliverToListeners(listeners, &value.value, operation);
 }
 
@@ -386,12 +387,12 @@ void Contract::notifyKey(std::string fullKey, const T& value, const char* operat
   const auto subscriber = detail::checkedEntry<T>(board.subscribers, key, operation);
   if (subscriber == board.subscribers.end()) {
     detail::checkedEntry<T>(board.getters, key, operation);
+    lock.unlock();
   } else {
     const detail::StoredFunction delivery = subscriber->second;
     lock.unlock();
     delivery.template deliver<T>(value);
   }
-  lock.unlock();
   if (listeners.listeners) deliverToListeners(listeners, &value, operation);
 }
 
