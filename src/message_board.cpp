@@ -125,7 +125,7 @@ void Contract::refuseUnderBoardLock(const char* operation, const char* lockName)
       .append(mutex.name())
       .append(
           " (in a getter or an initial delivery): that order can close a lock cycle with any thread that "
-          "publishes from a signal's callback");
+          "publishes from a callback that runs under that lock");
   throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur), message);
 }
 
