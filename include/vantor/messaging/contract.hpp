@@ -453,19 +453,20 @@ tessel::Connection Contract::listen(std::string fullKey, const C& callback, cons
   } undo{listeners->signal.connectAs(
       operation, [listener](const void* value, std::uint64_t number) { (*listener)(value, number); }, owners...)};
   listener->self = undo.connection;
-  boost::optional<detail::Wiped<T>> current;
-  {
-    BoardData& board = data();
-    tessel::detail::TrackedLock lock(board.mutex, operation, key.text);
-    const auto getter = detail::checkedEntry<T>(board.getters, key, operation);  // a module of 13.1 checks no list
-    if (getter != board.getters.end() && !getter->second.empty())
-      current = detail::Wiped<T>{getter->second.template get<T>()};
-    listener->joinedAfter = admitListener(*listeners, undo.connection);
+  BoardData& board = data();
+  tessel::detail::TrackedLock lock(board.mutex, operation, key.text);
+  const auto getter = detail::checkedEntry<T>(board.getters, key, operation);  // a 13.1 module checks no list
+  listener->joinedAfter = admitListener(*listeners, undo.connection);
+  if (getter != board.getters.end() && !getter->second.empty()) {
+    const detail::Wiped<T> current{getter->second.template get<T>()};
+    lock.unlock();
+    // An owner that has expired, or expires now, gets no first value: the listener is never called.
+    const std::array<std::shared_ptr<const void>, sizeof...(Owners)> kept{std::weak_ptr<const void>(owners).lock()...};
+    if (std::all_of(kept.begin(), kept.end(), [](const auto& owner) { return owner != nullptr; }))
+      listener->deliver(current.value);
+  } else {
+    lock.unlock();
   }
-  // An owner that has expired, or expires now, gets no first value: the listener is never called.
-  const std::array<std::shared_ptr<const void>, sizeof...(Owners)> kept{std::weak_ptr<const void>(owners).lock()...};
-  if (current && std::all_of(kept.begin(), kept.end(), [](const auto& owner) { return owner != nullptr; }))
-    listener->deliver(current->value);
   undo.done = true;
   return undo.connection;
 }
