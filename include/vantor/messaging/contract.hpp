@@ -248,8 +248,8 @@ class VANTOR_MESSAGE_BOARD_API Contract {
   /// vantor/tessel/mailbox.hpp): the current value, and then each publication, is posted to the mailbox
   /// as a copy, in that order, under the topic's listener lock; the call runs at the mailbox's next
   /// drain() unless the listener was disconnected, or an owner expired, by then (owners are kept alive
-  /// while it runs). Throws what connectTopic() throws; a publication also throws what
-  /// Mailbox::post() throws.
+  /// while it runs). The mailbox's wake-up runs on the posting thread under the listener lock. Throws
+  /// what connectTopic() throws; a publication also throws what Mailbox::post() throws.
   template <typename T, typename... Owners>
   tessel::Connection connectTopic(const std::string& topic, tessel::Mailbox& mailbox, const Listener<T>& callback,
                                   const Owners&... owners) {

@@ -8,13 +8,23 @@
 // through exported functions. (The map is not a member of BoardData, whose layout is part of the ABI.)
 //
 // Lock order: `mutex` is taken before the board's mutex, never under it, and the list's signal only
-// under `mutex`. A publication numbers itself and takes a reference to the list under the board's
-// mutex, and delivers under `mutex` once the board's is released; a connect holds `mutex` from before
-// it reads the current value under the board's mutex until it has attached its listener and handed it
-// that value. So a publication that took the board's mutex after the connect did reaches the listener
-// (its delivery waits for `mutex`, which the connect holds until the listener is attached), and one
-// that took it before never does after the initial value: its number is at most the one the connect
-// read, and the listener skips such numbers.
+// under `mutex`. Deliveries run outside the board's mutex, like the subscriber's.
+//
+// Why a new listener misses nothing and gets nothing stale. A publication numbers itself and takes a
+// reference to the list under the board's mutex, and delivers under `mutex` once the board's is
+// released. A connect takes `mutex`, attaches its listener to the signal, then, in one hold of the
+// board's mutex, reads the current value and the number of the last publication, and keeps `mutex`
+// until it has handed the listener that value. So:
+//  - a publication that took the board's mutex after the connect's read has a larger number, and its
+//    delivery waits for `mutex`, which the connect holds until the listener has its first value: the
+//    listener gets it, after that value;
+//  - one that took it before has a number no larger than the one read, and its value is the current
+//    one or an older one; if its delivery comes after the connect (it may, since it waits for `mutex`),
+//    the listener skips it by its number.
+// Attaching before the read keeps the number and the Connection (which a withdrawal reads) in one
+// hold of the board's mutex; no delivery can reach the listener meanwhile, as they wait for `mutex`.
+// (A ticket per publication that made deliveries run in number order was the road not taken: a
+// delivery would wait for other threads' publications, and one that failed would stop them all.)
 
 #include <cstdint>
 #include <memory>
