@@ -118,7 +118,9 @@ class VANTOR_MESSAGE_BOARD_API CyberSecurityContract final : public Contract {
   /// A callback of one flag. On the secured or new-credentials signal it runs under that signal's lock
   /// and must not publish into that signal or connect to it (both throw `std::system_error`). Given to
   /// subscribeToIpPortAllowed() it runs outside the board lock, except for its initial delivery, which
-  /// runs under it: then it must call no operation that takes the board lock, nor connect.
+  /// runs under it: then it must call no operation that takes the board lock, nor connect. Given to
+  /// connectIpPortAllowed() it runs under the pair's listener lock, never the board lock, and must not
+  /// publish the pair or connect to it (both throw `std::system_error`).
   using FlagCallback = std::function<void(bool)>;
   /// A token callback. Runs under the token signal's lock: it must not call updateSecurityToken() nor
   /// connect to the token signal (both throw `std::system_error`). It always receives an engaged
@@ -230,19 +232,22 @@ class VANTOR_MESSAGE_BOARD_API CyberSecurityContract final : public Contract {
 
   // ---- IP and port allowance
 
-  /// Publishes `allowed` for the pair, and hands it to the pair's listener, if there is one, on this
-  /// thread after the board lock is released.
-  /// @throws std::bad_function_call when the pair's listener is empty (the flag stays published).
+  /// Publishes `allowed` for the pair, and hands it to the pair's subscription, if there is one, then
+  /// to its listeners, on this thread after the board lock is released.
+  /// @throws std::bad_function_call when the pair's subscription is empty (the flag stays published,
+  ///         and the listeners miss it).
   /// @throws std::system_error (resource_deadlock_would_occur) when called under the board lock, or
   ///         when waiting for it would close a lock cycle.
-  /// @throws std::bad_alloc on allocation failure. What the listener throws passes through.
+  /// @throws std::bad_alloc on allocation failure. What the subscription or a listener throws passes
+  ///         through, and the listeners after it miss the flag.
   void updateIpPortAllowed(const std::string& address, int port, bool allowed);
   /// Publishes `allowed` for the address as a whole (read by isIpSecured), then for each port of the
   /// port list as it is once that is done, in order. Throws as updateIpPortAllowed() does and stops at
   /// the first failure; what was published before stays.
   void updateIpAllPortsAllowed(const std::string& address, bool allowed);
-  /// Makes `callback` the pair's one listener (replacing an earlier one). If the pair has a published
-  /// flag, `callback` receives it before this returns, under the board lock (see FlagCallback).
+  /// Makes `callback` the pair's one subscription (replacing an earlier one; the listeners of
+  /// connectIpPortAllowed() stay as they are). If the pair has a published flag, `callback` receives
+  /// it before this returns, under the board lock (see FlagCallback).
   /// @throws std::bad_function_call when `callback` is empty and the pair has a flag. Then, and when
   ///         the initial delivery throws (which passes through), nothing is stored.
   /// @throws std::system_error (resource_deadlock_would_occur) as updateIpPortAllowed() does.
