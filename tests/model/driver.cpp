@@ -121,9 +121,8 @@ class Driver {
     listeners_.push_back(listener.owner < 0 ? connectWith() : connectWith(owners_[listener.owner]));
   }
   void disconnectListener(int index) { listeners_[index].disconnect(); }
-  int isIpPortAllowed(const Topic& pair) {
-    const auto allowed = cs_.isIpPortAllowed(pair.address, pair.port);
-    return allowed ? *allowed : -1;
+  int isIpPortAllowed(const Topic& p) {
+    return std::optional<int>(cs_.isIpPortAllowed(p.address, p.port)).value_or(-1);
   }
 
   void connect(const Slot& slot) {
@@ -223,8 +222,7 @@ class Driver {
 
   // Runs the next operation; true when it raised.
   bool operation() {
-    const int byte = next(), op = byte < 224 ? byte % 28 : 28 + byte % 4, x = next(), y = next(), z = next(),
-              id = ++ids_;
+    const int op = next(), x = next(), y = next(), z = next(), id = ++ids_;
     const int handles = static_cast<int>(handles_.size()), blockers = static_cast<int>(blockers_.size()),
               listeners = static_cast<int>(listeners_.size());
     const int owners = static_cast<int>(owners_.size()), ownerPick = z / 48 % 3;  // none, a new one, an old one
@@ -235,7 +233,7 @@ class Driver {
     const Topic topic{x % 3, kTopics[x / 3 % 3]}, pair{-1, "", address, kPorts[x / 3 % 3]};
     const Kind subscriber = kSubscribers[y % 10];
     const std::optional<int> token = y % 3 == 0 ? std::nullopt : std::optional<int>(y % 3 == 1 ? 0 : y);
-    switch (op) {
+    switch (op < 224 ? op % 28 : 28 + op % 4) {  // bytes 224 and up: the listener operations
       case 0: return step("update", [&](auto& api) { api.update(topic, {kSources[std::min(y % 8, 3)], y}); });
       case 1: return step("notify", [&](auto& api) { api.notify(topic, y); });
       case 2: return step("subscribe", [&](auto& api) { api.subscribe({id, subscriber, topic}); });
@@ -272,8 +270,7 @@ class Driver {
       case 26: return owners && step("release an owner", [&](auto& api) { api.releaseOwner(y % owners); });
       case 28: return step("connectTopic", [&](auto& api) { api.connectTopic({id, subscriber, topic, owner}); });
       case 29: return step("connectIpPortAllowed", [&](auto& api) { api.connectTopic({id, subscriber, pair, owner}); });
-      case 30:
-        return listeners && step("disconnect a listener", [&](auto& api) { api.disconnectListener(y % listeners); });
+      case 30: return listeners && step("disconnect", [&](auto& api) { api.disconnectListener(y % listeners); });
       case 31: return step("isIpPortAllowed", [&](auto& api) { api.log += entry('p', 0, api.isIpPortAllowed(pair)); });
       default:  // at most four slots per contract signal
         return model_.contractSlots[y % 3].size() < 4 && step("connect to the contract", [&](auto& api) {

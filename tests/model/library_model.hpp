@@ -200,15 +200,13 @@ class Model {
     const auto found = board.find(topic.key());
     if (found == board.end()) return;
     found->second.getter.reset(), found->second.sub.reset();
-    found->second.listed &= pinned_[found->first] > 0 || std::any_of(listeners.begin(), listeners.end(), [&](auto& l) {
-                              return l.topic.key() == found->first && live(l);
-                            });
+    const auto serves = [&](const Sub& listener) { return listener.topic.key() == found->first && live(listener); };
+    found->second.listed &= pinned_[found->first] > 0 || std::any_of(listeners.begin(), listeners.end(), serves);
     if (!found->second.listed) board.erase(found);
   }
   int get(const Topic& topic) { return read(topic.key(), "Contract::get").value_or(-1); }  // -1: none
-  void mismatch(const Topic& topic, int) {                                                 // the error names the key
-    if (mismatches(topic)) fail("mismatch", topic.key().c_str());
-  }
+  // Refused, naming the key, unless the key holds nothing.
+  void mismatch(const Topic& topic, int) { return mismatches(topic) ? fail("mismatch", topic.key().c_str()) : void(); }
   void recreate(int contract) {  // the purge disconnects the listeners of the keys it erases
     for (auto it = board.begin(); it != board.end();)
       it = it->first.rfind(kNames[contract], 0) == 0 ? board.erase(it) : std::next(it);
