@@ -39,8 +39,8 @@ class Component {
   explicit Component(CyberSecurityContract& security) {
     connections_.emplace_back(security.connectIpPortAllowed(
         kAddress, kPort, mailbox_, [this](bool allowed) { use(), allowed_ = allowed; }, alive_));
-    connections_.emplace_back(
-        security.securedSignal().connectQueued(mailbox_, [this](bool secured) { use(), secured_ = secured; }, alive_));
+    connections_.emplace_back(security.securedSignal().connectQueued(
+        mailbox_, [this](bool secured) { use(), secured_ = secured; }, alive_));
     thread_ = std::thread([this] { run(); });
   }
   Component(const Component&) = delete;
@@ -108,8 +108,8 @@ int main() {
   publishing = false;
   for (std::thread& publisher : publishers) publisher.join();
   security.updateIpPortAllowed(kAddress, kPort, true);
+  Component last(security);  // a pair's new listener receives its current flag first; a signal replays nothing
   security.updateSecured(false);
-  Component last(security);  // a new listener receives the current values first
   const bool current = seesLastValues(last, true, false);
 
   std::printf("20 components received %d calls on their own threads while two threads published\n", calls);

@@ -3,7 +3,9 @@
 #include <string.h>  // explicit_bzero  NOLINT(modernize-deprecated-headers)
 
 #include <charconv>
+
 #include <utility>
+#include "vantor/tessel/mailbox.hpp"
 
 namespace vantor::tessel {
 
@@ -237,6 +239,34 @@ void CyberSecurityContract::subscribeToIpPortAllowed(const std::string& address,
 
 void CyberSecurityContract::unsubscribeFromIpPortAllowed(const std::string& address, int port) {
   withdraw(portKey(address, port), "CyberSecurityContract::unsubscribeFromIpPortAllowed");
+}
+
+tessel::Connection CyberSecurityContract::connectIpPortAllowed(const std::string& address, int port,
+                                                               const FlagCallback& callback) {
+  return listen<bool>(portKey(address, port), callback, "CyberSecurityContract::connectIpPortAllowed");
+}
+
+tessel::Connection CyberSecurityContract::connectIpPortAllowed(const std::string& address, int port,
+                                                               const FlagCallback& callback,
+                                                               const std::weak_ptr<const void>& owner) {
+  return listen<bool>(portKey(address, port), callback, "CyberSecurityContract::connectIpPortAllowed", owner);
+}
+
+tessel::Connection CyberSecurityContract::connectIpPortAllowed(const std::string& address, int port,
+                                                               tessel::Mailbox& mailbox, const FlagCallback& callback) {
+  return listenQueued<bool>(portKey(address, port), mailbox, callback, "CyberSecurityContract::connectIpPortAllowed");
+}
+
+tessel::Connection CyberSecurityContract::connectIpPortAllowed(const std::string& address, int port,
+                                                               tessel::Mailbox& mailbox, const FlagCallback& callback,
+                                                               const std::weak_ptr<const void>& owner) {
+  return listenQueued<bool>(portKey(address, port), mailbox, callback, "CyberSecurityContract::connectIpPortAllowed",
+                            owner);
+}
+
+std::optional<bool> CyberSecurityContract::isIpPortAllowed(const std::string& address, int port) {
+  const boost::optional<bool> allowed = read<bool>(portKey(address, port), "CyberSecurityContract::isIpPortAllowed");
+  return allowed ? std::optional<bool>(*allowed) : std::nullopt;
 }
 
 bool CyberSecurityContract::isIpSecured(const std::string& address) {

@@ -29,6 +29,7 @@ struct Scene {
   std::unique_ptr<tessel::Mailbox> box;
   tessel::Signal<const std::string&> signal;
   std::shared_ptr<int> owner = std::make_shared<int>();
+  TestContract board{"Queued"};  // its topic "t" is a std::string
   std::function<void()> note(const char* text) {
     return [this, text] { log += text; };
   }
@@ -117,6 +118,23 @@ const Case kCases[] = {
        s.log += std::to_string(s.signal.slotCount());
      },
      "1"},
+    {"HandsAQueuedTopicListenerTheCurrentValueFirstAtTheDrain", 0,
+     [](Scene& s) {
+       s.board.update<std::string>("t", [] { return std::string("a"); });
+       s.board.connectTopic<std::string>("t", *s.box, s.recorder()), s.board.notify<std::string>("t", "b");
+       s.log += "-", s.drain();
+     },
+     "w1-ab2"},
+    {"HandsAQueuedPairListenerItsFlagsAtTheDrainUntilItIsDisconnected", 0,
+     [](Scene& s) {
+       CyberSecurityContract& cs = CyberSecurityContract::instance();
+       cs.updateIpPortAllowed("192.0.2.10", 1, true);
+       const tessel::Connection listener = cs.connectIpPortAllowed(
+           "192.0.2.10", 1, *s.box, [&s](bool on) { s.log += on ? "1" : "0"; }, s.owner);
+       s.drain(), cs.updateIpPortAllowed("192.0.2.10", 1, false), listener.disconnect(), s.drain();
+       cs.unsubscribeFromIpPortAllowed("192.0.2.10", 1);
+     },
+     "w111w11"},
 };
 
 class Mailbox : public ::testing::TestWithParam<Case> {};

@@ -34,8 +34,8 @@ class BoardTestPeer {
 
 struct TestContract : Contract {
   explicit TestContract(std::string name, bool purgeOnDestroy = true) : Contract(std::move(name), purgeOnDestroy) {}
-  using Contract::get, Contract::key, Contract::notify, Contract::publish, Contract::subscribe, Contract::unsubscribe,
-      Contract::update;
+  using Contract::connectTopic, Contract::get, Contract::key, Contract::notify, Contract::publish, Contract::subscribe,
+      Contract::unsubscribe, Contract::update;
 };
 
 // A start line: `waiting` counts the threads yet to arrive; each arrives, then spins until none is left.

@@ -18,22 +18,35 @@ template <typename S>
 constexpr bool kCanDeliver<S, std::void_t<decltype(std::declval<S&>().deliver(std::declval<int&>()))>> = true;
 static_assert(!kCanDeliver<tessel::Signal<int>>, "Signal::deliver must not be callable without the lock");
 
-TEST(Board, NewSubscriberGetsTheCurrentValueFirstAndThenMissesNoLaterPublication) {
+// Also listeners, connected one after another while the publication runs: each is handed the current
+// value first (never under the board lock) and then every later one, none twice and none missed.
+TEST(Board, NewSubscriberAndListenersGetTheCurrentValueFirstAndThenMissNoLaterPublication) {
   TestContract board("Race");
   board.update<int>("topic", [] { return 0; });
   std::atomic<int> published{0};
-  std::vector<std::pair<int, bool>> received;  // value, and whether it came under the board lock
-  const auto record = [&](const int& value) { received.emplace_back(value, BoardTestPeer::heldByThisThread()); };
-  runTogether(2, [&](std::size_t index) {
+  std::vector<std::vector<std::pair<int, bool>>> received(51);  // the subscriber's, then each listener's
+  const auto record = [&](std::size_t to) {
+    return [&, to](const int& value) {
+      received[to].emplace_back(value, BoardTestPeer::heldByThisThread());
+      if (to == 0) std::this_thread::yield();  // holds the publication between its board lock and its listeners
+    };
+  };
+  runTogether(3, [&](std::size_t index) {
     for (int value = 1; index == 0 && value <= kRounds; published = value++)
       board.update<int>("topic", [value] { return value; });
     while (index == 1 && published.load() < kRounds / 4) std::this_thread::yield();
-    if (index == 1) board.subscribe<int>("topic", record);
+    if (index == 1) board.subscribe<int>("topic", record(0));
+    for (std::size_t to = 1; index == 2 && to < received.size(); ++to) {  // one every 40 publications
+      while (published.load() < 40 * static_cast<int>(to)) std::this_thread::yield();
+      board.connectTopic<int>("topic", record(to));
+    }
   });
-  ASSERT_TRUE(!received.empty() && received[0].second) << "the first value is the initial delivery";
-  for (std::size_t i = 1; i < received.size(); ++i)
-    ASSERT_EQ(received[i], std::make_pair(received[i - 1].first + 1, false)) << "delivery " << i;
-  EXPECT_EQ(received.back().first, kRounds);
+  for (std::size_t to = 0; to < received.size(); ++to) {
+    ASSERT_TRUE(!received[to].empty() && received[to][0].second == (to == 0)) << "the first value is the initial one";
+    for (std::size_t i = 1; i < received[to].size(); ++i)
+      ASSERT_EQ(received[to][i], std::make_pair(received[to][i - 1].first + 1, false)) << to << ", delivery " << i;
+    EXPECT_EQ(received[to].back().first, kRounds);
+  }
 }
 
 // Also components that own their slots (tracked) and go away on a third thread, maybe while their slot

@@ -4,8 +4,10 @@
 // written once for both sides: a delivery of the model runs them on the model, one of the library
 // (driver.cpp) on the library. Both sides offer the same operations, under the same names:
 //   the board        update, notify, subscribe, unsubscribe, get (-1: none) of a Topic (a pair's update is
-//                    updateIpPortAllowed), mismatch (names bool for an int key: get, subscribe, notify or
-//                    update), recreate (destroys a test contract and builds it anew);
+//                    updateIpPortAllowed), mismatch (names bool for an int key: get, subscribe, notify,
+//                    update or connectTopic), recreate (destroys a test contract and builds it anew),
+//                    connectTopic (a listener of a topic or of a pair: a Sub with an owner or -1),
+//                    disconnectListener, isIpPortAllowed (-1: none);
 //   the signal       connect (tracked by an owner, extended), emit, setFlag (disconnect, block, unblock),
 //                    pushBlocker, popBlocker, assignScoped (-1 releases), disconnectAll, rebuildSignal,
 //                    releaseOwner (drops the test's reference to a tracked slot's owner);
@@ -49,7 +51,7 @@ enum class Source { Logged, Fixed, Empty, Throw, Reenter, Secured, Token };
 
 // Test contracts whose names are prefixes of each other; "Q:a"'s topic "b" is "Q"'s topic "a:b".
 const std::string kNames[] = {"Q", "Qu", "Q:a"}, kIp = "CyberSecurity:IP:";
-const char* const kBoardLock = "the message board's lock";
+const char *const kBoardLock = "the message board's lock", *const kListenerLock = "the topic's listener lock";
 // The contract's own topics, and the operations that publish them.
 const std::string kOwnKeys[] = {"CyberSecurity:Secured", "CyberSecurity:NewCredentials", "CyberSecurity:SecurityToken"};
 const char* const kOperations[] = {"updateSecured", "updateAboutNewCreds", "updateSecurityToken"};
@@ -68,10 +70,12 @@ struct Topic {
     return pair() ? kIp + address + ":" + std::to_string(port) : kNames[contract] + ":" + topic;
   }
 };
-struct Sub {
+struct Sub {  // a subscriber, or a listener (tracked by `owner` unless it is -1)
   int id;
   Kind kind;
   Topic topic;
+  int owner = -1;
+  bool disconnected = false;
 };
 struct Slot {
   Kind kind;
@@ -100,10 +104,11 @@ int produce(Api& api, const Getter& getter) {
   return getter.value;
 }
 
-// What a subscriber of a test contract's topic or of a pair does when it is delivered `value`.
+// What a subscriber (or, tagged 't', a listener) of a test contract's topic or of a pair does when it
+// is delivered `value`. A listener that echoes publishes into its own listener lock.
 template <typename Api>
-void actAsSubscriber(Api& api, const Sub& sub, int value) {
-  api.log += entry('s', sub.id, value, api.underBoardLock());
+void actAsSubscriber(Api& api, const Sub& sub, int value, char tag = 's') {
+  api.log += entry(tag, sub.id, value, api.underBoardLock());
   const Topic& topic = sub.topic;
   switch (sub.kind) {
     case Kind::Throw: fail("thrown");
@@ -165,6 +170,7 @@ class Model {
   struct Entry {
     std::optional<Getter> getter;
     std::optional<Sub> sub;
+    bool listed = false;  // the key has a listener list
   };
   std::string log;
   std::map<std::string, Entry> board;
@@ -176,6 +182,7 @@ class Model {
   std::vector<Slot> slots;   // every slot ever connected to the signal, by handle index: in connection order
   std::vector<bool> owners;  // whether each owner that tracked slots were connected with is still alive
   std::vector<std::pair<int, bool>> blockers;  // slot, and whether it counted
+  std::vector<Sub> listeners;                  // every listener connected, by handle index
 
   // A getter for the key, but never an empty one.
   const Getter* liveGetter(const std::string& key) const {
@@ -188,6 +195,7 @@ class Model {
   // Disconnected, or tracked by an owner that has expired: never called again.
   bool gone(const Slot& slot) const { return slot.disconnected || (slot.owner >= 0 && !owners[slot.owner]); }
   bool connected(const Slot& slot) const { return !slot.erased && !gone(slot); }
+  bool live(const Sub& l) const { return !l.disconnected && (l.owner < 0 || owners[l.owner]); }
 
   // ---- the board -----------------------------------------------------------------------------------
   bool underBoardLock() { return boardHeld_ > 0; }
@@ -204,15 +212,41 @@ class Model {
     }
     board[sub.topic.key()].sub = sub;
   }
+  // A list goes only when no listener of it is live and no connect or delivery holds it.
   void unsubscribe(const Topic& topic) {
-    lockBoard(topic.pair() ? "unsubscribeFromIpPortAllowed" : "Contract::unsubscribe"), board.erase(topic.key());
+    lockBoard(topic.pair() ? "unsubscribeFromIpPortAllowed" : "Contract::unsubscribe");
+    const auto found = board.find(topic.key());
+    if (found == board.end()) return;
+    found->second.getter.reset(), found->second.sub.reset();
+    const auto serves = [&](const Sub& listener) { return listener.topic.key() == found->first && live(listener); };
+    found->second.listed &= pinned_[found->first] > 0 || std::any_of(listeners.begin(), listeners.end(), serves);
+    if (!found->second.listed) board.erase(found);
   }
   int get(const Topic& topic) { return read(topic.key(), "Contract::get").value_or(-1); }  // -1: none
-  void mismatch(const Topic& topic, int) { fail("mismatch", topic.key().c_str()); }        // the error names the key
-  void recreate(int contract) {
+  // Refused, naming the key, unless the key holds nothing.
+  void mismatch(const Topic& topic, int) { return mismatches(topic) ? fail("mismatch", topic.key().c_str()) : void(); }
+  void recreate(int contract) {  // the purge disconnects the listeners of the keys it erases
     for (auto it = board.begin(); it != board.end();)
       it = it->first.rfind(kNames[contract], 0) == 0 ? board.erase(it) : std::next(it);
+    for (Sub& listener : listeners) listener.disconnected |= listener.topic.key().rfind(kNames[contract], 0) == 0;
   }
+  // Makes the key's list, then takes its listener lock, reads the value under the board lock and hands
+  // it to the listener without it. An empty listener is refused naming the key.
+  void connectTopic(const Sub& listener) {
+    const std::string key = listener.topic.key();
+    const char* const operation = listener.topic.pair() ? "connectIpPortAllowed" : "Contract::connectTopic";
+    if (listener.owner == static_cast<int>(owners.size())) owners.push_back(true);
+    lockBoard(operation);
+    if (listener.kind == Kind::Empty) fail("mismatch", key.c_str());
+    board[key].listed = true;
+    Held pin(pinned_[key]), listening(lockListeners(key, operation));
+    const Getter* current = liveGetter(key);
+    const std::optional<int> value = current ? std::optional<int>(call(*current)) : std::nullopt;
+    if (value && live(listener)) actAsSubscriber(*this, listener, *value, 't');
+    listeners.push_back(listener);
+  }
+  void disconnectListener(int index) { listeners[index].disconnected = true; }
+  int isIpPortAllowed(const Topic& pair) { return read(pair.key(), "isIpPortAllowed").value_or(-1); }
 
   // ---- the signal ----------------------------------------------------------------------------------
   // Slots run nested inside an emission of the signal (emitting_ counts the levels). Only the outermost
@@ -322,18 +356,34 @@ class Model {
     for (Slot& slot : slots) slot.erased |= gone(slot);
   }
 
+  // A publication holds the key's list from its board lock to the end of its listeners' delivery, which
+  // follows the subscriber's.
   void publish(const std::string& key, Getter getter, const char* operation) {
     lockBoard(operation);
     Entry& stored = board[key];
     stored.getter = getter;
     if (getter.source == Source::Empty) fail("empty");
     const int value = call(getter);
-    if (stored.sub) deliver(Sub(*stored.sub), value);
+    deliverAll(key, stored, value, operation);
   }
   void notifyKey(const std::string& key, int value, const char* operation) {
     lockBoard(operation);
     const auto found = board.find(key);
-    if (found != board.end() && found->second.sub) deliver(Sub(*found->second.sub), value);
+    if (found != board.end()) deliverAll(key, found->second, value, operation);
+  }
+  void deliverAll(const std::string& key, const Entry& entry, int value, const char* operation) {
+    const bool listed = entry.listed;
+    Held pin(pinned_[key]);  // (no subscriber of the model connects a listener to its own key meanwhile)
+    if (entry.sub) deliver(Sub(*entry.sub), value);
+    if (!listed) return;
+    Held listening(lockListeners(key, operation));
+    for (std::size_t index = 0, count = listeners.size(); index < count; ++index)
+      if (listeners[index].topic.key() == key && live(listeners[index]))
+        actAsSubscriber(*this, Sub(listeners[index]), value, 't');
+  }
+  int& lockListeners(const std::string& key, const char* operation) {
+    if (listening_[key]) fail("deadlock", operation, kListenerLock);
+    return listening_[key];
   }
   std::optional<int> read(const std::string& key, const char* operation) {
     lockBoard(operation);
@@ -374,6 +424,7 @@ class Model {
   std::set<int> dropped_;  // owners whose last reference the test dropped while a call kept them
   int boardHeld_ = 0, emitting_ = 0;
   bool pendingRelease_ = false;
+  std::map<std::string, int> pinned_, listening_;  // per key: holds of its list, and of its listener lock
 };
 
 // Replays a byte string as a sequence of operations, each on the model and then on the library, and

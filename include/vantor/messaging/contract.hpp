@@ -4,15 +4,33 @@
 /// Contract: the base class of every party that owns topics on the message board.
 ///
 /// A contract named N owns the keys `"N:<topic>"`. Its protected topic operations publish a topic
-/// (`update`), hand a value to the topic's subscriber without publishing it (`notify`), subscribe to a
-/// topic (`subscribe`), read a topic back (`get`) and withdraw it (`unsubscribe`). Each key has at most
-/// one getter and one subscriber; a second subscription replaces the first. Fan-out to many listeners
-/// belongs to signals (vantor/tessel/signal.hpp), not to the board.
+/// (`update`), hand a value to the topic's subscribers without publishing it (`notify`), subscribe to a
+/// topic (`subscribe`), connect a listener to it (`connectTopic`), read a topic back (`get`) and
+/// withdraw it (`unsubscribe`). Each key has at most one getter and one subscriber; a second
+/// subscription replaces the first.
+///
+/// Listeners, beside the one subscriber: connectTopic() adds a callback to a key's listeners, any
+/// number of them, each with a tessel::Connection of its own and optionally tracked by owners, as a
+/// signal's slot is. A listener is handed the current value when it connects (if the topic is
+/// published), on the connecting thread, and then every update and notify of the key that takes the
+/// board lock after its connect did: none missed, none before that first value. Each publication
+/// hands its value to the subscriber first, then to the listeners in connection order; an exception
+/// (from the subscriber, std::bad_function_call for an empty one, or from a listener) ends it there,
+/// and the listeners after that point miss the value. Listeners run under the topic's listener lock
+/// and never under the board lock, also for their first value; a queued listener (connectTopic with a
+/// tessel::Mailbox) runs at its mailbox's drain instead. What ends a listener is its Connection
+/// (disconnect, an owner's expiry) and the contract's purge:
+///  - unsubscribe withdraws the value and the subscriber but leaves the listeners connected; they are
+///    handed nothing for it, and the next publication of the key reaches them. A withdrawal also frees
+///    the key's listener list once none of its listeners is connected.
+///  - the purge disconnects every listener of the keys it erases (their Connections read
+///    disconnected), and destroys their callbacks after releasing the board lock.
 ///
 /// Threads: every operation may be called from any thread, in any order. Each takes the board's lock
-/// once (BoardData::mutex) and has released it on every way out, normal or exceptional. A wait for that
-/// lock that would close a cycle of threads waiting for each other's library locks throws
-/// `std::system_error(resource_deadlock_would_occur)` in the thread that closes it, instead of hanging.
+/// once (BoardData::mutex; connectTopic twice) and has released it on every way out, normal or
+/// exceptional. A wait for that lock that would close a cycle of threads waiting for each other's
+/// library locks throws `std::system_error(resource_deadlock_would_occur)` in the thread that closes
+/// it, instead of hanging.
 ///
 /// Callbacks and the board lock:
 ///  - Run UNDER the board lock: getters (in update, subscribe, get), the initial delivery of subscribe,
@@ -27,6 +45,13 @@
 ///    can still be called after it was replaced or withdrawn, from several threads at once, and in an
 ///    order other than that of the getter stores. A subscriber that always republishes its own key
 ///    recurses without end.
+///  - Run under the topic's LISTENER lock (and not the board lock): listeners, for their first value
+///    and for publications. They may call any operation except update, notify and connectTopic on their
+///    own key: those throw `std::system_error(resource_deadlock_would_occur)` (a publication then has
+///    already stored its getter and handed the value to the subscriber). Deliveries of one key's
+///    publications to its listeners take turns, but concurrent publications can reach them in an order
+///    other than that of the getter stores, as they reach the subscriber. Modules built with headers
+///    older than 13.2 publish to the subscriber only.
 ///
 /// Value types: each key has one value type T, fixed by the first entry stored under it. T is a plain
 /// object type: not a reference, not const or volatile, not an array, not void. update, notify,
@@ -34,7 +59,8 @@
 /// that cannot even form the getter's or subscriber's signature, such as an array for update, finds no
 /// matching operation). An operation that names a type other than that of an entry the key holds (its
 /// getter or its subscriber, empty or not) throws std::invalid_argument naming the key and both types,
-/// before it changes or calls anything. Which types are recognised as one (detail::sameType() holds the
+/// before it changes or calls anything. A key's listener list (connectTopic), which stays while any listener is
+/// connected, fixes the type too. Which types are recognised as one (detail::sameType() holds the
 /// rule and the argument for it):
 ///  - within one module, every type is recognised by identity: a type local to a `static` function or
 ///    declared in an unnamed namespace is therefore recognised only within its translation unit;
@@ -61,9 +87,12 @@
 /// the same name share their keys: each replaces the other's getters and subscribers, and the first one
 /// destroyed purges the other's entries too. Give each contract a name of its own.
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -74,10 +103,15 @@
 #include <boost/optional.hpp>
 
 #include "vantor/messaging/detail/stored_function.hpp"
+#include "vantor/messaging/detail/topic_listeners.hpp"
 #include "vantor/messaging/export.hpp"
 #include "vantor/messaging/message_board.hpp"
 #include "vantor/tessel/detail/thread_annotations.hpp"
 #include "vantor/tessel/detail/tracked_lock.hpp"
+
+namespace vantor::tessel {
+class Mailbox;  // vantor/tessel/mailbox.hpp, which the callers of the queued connectTopic() include
+}  // namespace vantor::tessel
 
 namespace vantor::messaging {
 
@@ -88,6 +122,8 @@ namespace detail {
 [[noreturn]] VANTOR_MESSAGE_BOARD_API void throwTypeMismatch(const char* operation, const std::string& key);
 [[noreturn]] VANTOR_MESSAGE_BOARD_API void throwTypeMismatch(const char* operation, const std::string& key,
                                                              std::string_view held, std::string_view named);
+// Raise the refusal of an empty listener for `key`.
+[[noreturn]] VANTOR_MESSAGE_BOARD_API void throwEmptyListener(const char* operation, const std::string& key);
 
 inline void checkType(const StoredFunction& entry, const TypeKey& named, const char* operation, const BoardKey& key) {
   if (!sameType(entry.type(), named)) throwTypeMismatch(operation, key.text, spelling(entry.type()), spelling(named));
@@ -139,6 +175,11 @@ class VANTOR_MESSAGE_BOARD_API Contract {
   /// copy, and may call any operation.
   template <typename T>
   using Subscriber = std::function<void(const T&)>;
+  /// A topic's listener (connectTopic): handed the current value when it connects and then each later
+  /// publication. Runs under the topic's listener lock, never under the board lock: it may call any
+  /// operation except update, notify and connectTopic on its own topic (they throw std::system_error).
+  template <typename T>
+  using Listener = std::function<void(const T&)>;
 
   Contract(const Contract&) = delete;
   Contract& operator=(const Contract&) = delete;
@@ -200,8 +241,35 @@ class VANTOR_MESSAGE_BOARD_API Contract {
     subscribeKey<T>(key(topic), subscriber, "Contract::subscribe");
   }
 
-  /// Erases the key's getter and subscriber, if any, destroying them under the lock. A key with no
-  /// entries is not an error.
+  /// Connects `callback` as a listener of `topic` (beside the subscriber and any other listeners) and
+  /// returns its Connection. If the topic is published, first hands it the current value, on this thread
+  /// before returning; then every update and notify that takes the board lock after this call did.
+  /// `owners` (std::shared_ptr or std::weak_ptr) track it as Signal::connect does. Takes the topic's
+  /// listener lock, and the board lock twice inside it; the listener runs under the first only.
+  /// @throws std::invalid_argument when `callback` is empty or the key holds another value type;
+  ///         nothing changes.
+  /// @throws std::system_error (resource_deadlock_would_occur) when called under the board lock, from a
+  ///         listener of this topic, or when waiting would close a lock cycle; nothing is connected.
+  /// @throws std::bad_alloc on allocation failure. What the getter or the first delivery throws passes
+  ///         through; nothing is connected then.
+  template <typename T, typename... Owners>
+  tessel::Connection connectTopic(const std::string& topic, const Listener<T>& callback, const Owners&... owners) {
+    return listen<T>(key(topic), callback, "Contract::connectTopic", owners...);
+  }
+  /// connectTopic() for a listener that runs on the thread that drains `mailbox` (the caller includes
+  /// vantor/tessel/mailbox.hpp): the current value, and then each publication, is posted to the mailbox
+  /// as a copy, in that order, under the topic's listener lock; the call runs at the mailbox's next
+  /// drain() unless the listener was disconnected, or an owner expired, by then (owners are kept alive
+  /// while it runs). The mailbox's wake-up runs on the posting thread under the listener lock. Throws
+  /// what connectTopic() throws; a publication also throws what Mailbox::post() throws.
+  template <typename T, typename... Owners>
+  tessel::Connection connectTopic(const std::string& topic, tessel::Mailbox& mailbox, const Listener<T>& callback,
+                                  const Owners&... owners) {
+    return listenQueued<T>(key(topic), mailbox, callback, "Contract::connectTopic", owners...);
+  }
+
+  /// Erases the key's getter and subscriber, if any, destroying them under the lock, and leaves its
+  /// listeners connected (see the file description). A key with no entries is not an error.
   /// @throws std::system_error (resource_deadlock_would_occur) as update() does.
   /// @throws std::bad_alloc when the key cannot be allocated.
   void unsubscribe(const std::string& topic);
@@ -246,10 +314,44 @@ class VANTOR_MESSAGE_BOARD_API Contract {
   /// get() on the full key `fullKey`; errors name `operation`. Throws what get() throws.
   template <typename T>
   boost::optional<T> read(std::string fullKey, const char* operation);
+  /// connectTopic() on the full key `fullKey`; errors name `operation`. `callback` is any callable
+  /// taking a `const T&` (a std::function in practice). Throws what connectTopic() throws.
+  template <typename T, typename C, typename... Owners>
+  tessel::Connection listen(std::string fullKey, const C& callback, const char* operation, const Owners&... owners);
+  /// The queued connectTopic() on the full key `fullKey`; errors name `operation`. `callback` is a
+  /// std::function taking a `const T&` or a `T`. Throws what connectTopic() throws.
+  template <typename T, typename F, typename... Owners>
+  tessel::Connection listenQueued(std::string fullKey, tessel::Mailbox& mailbox, const std::function<F>& callback,
+                                  const char* operation, const Owners&... owners) {
+    if (!callback) detail::throwEmptyListener(operation, fullKey);
+    return listen<T>(std::move(fullKey), makeQueuedSlot(mailbox, callback, owners...), operation, owners...);
+  }
+
+  /// Under the board lock: the key's listener list, or null when it has none.
+  /// @throws std::invalid_argument when the list holds another value type than `type`.
+  std::shared_ptr<detail::TopicListeners>* listenersOf(const BoardKey& key, const detail::TypeKey& type,
+                                                       const char* operation) const;
+  /// Takes the board lock: checks `type` against the key's entries and returns its listener list,
+  /// made if it has none. A withdrawal never frees a list that someone else holds.
+  /// @throws std::invalid_argument when the key holds another value type; nothing changes.
+  std::shared_ptr<detail::TopicListeners> joinListeners(const BoardKey& key, const detail::TypeKey& type,
+                                                        const char* operation);
+  /// Under the board lock: records `connection` among the list's listeners, dropping gone ones, and
+  /// returns the number of the list's last publication.
+  std::uint64_t admitListener(detail::TopicListeners& listeners, const tessel::Connection& connection) const;
+  /// Without the board lock: hands `value` (of the list's type) to the listeners of `delivery`, under the
+  /// list's lock. Throws what a listener throws, and std::system_error from a listener of the same key.
+  static void deliverToListeners(const detail::ListenerDelivery& delivery, const void* value, const char* operation);
   /// @endcond
 
  private:
   BoardData& data() const { return *board_.data_; }
+  // Under the board lock: the publication's hold on the key's listeners, with its number; checks `type`.
+  detail::ListenerDelivery takeListeners(const BoardKey& key, const detail::TypeKey& type,
+                                         const char* operation) const {
+    std::shared_ptr<detail::TopicListeners>* found = listenersOf(key, type, operation);
+    return found != nullptr ? detail::ListenerDelivery{*found, ++(*found)->published} : detail::ListenerDelivery{};
+  }
 
   MessageBoard& board_;
   std::string name_;
@@ -266,8 +368,10 @@ void Contract::publish(std::string fullKey, const G& getter, const char* operati
   // The stored copy is made before locking, to keep the lock short; storing it moves it in place.
   detail::StoredFunction stored = detail::StoredFunction::getter<T>(getter);
   BoardData& board = data();
+  detail::ListenerDelivery listeners;  // declared before the lock: a list is never released under it
   tessel::detail::TrackedLock lock(board.mutex, operation, key.text);
-  // Both types are checked before the getter is stored: a key never holds entries of two types.
+  // Every type is checked before the getter is stored: a key never holds entries of two types.
+  listeners = takeListeners(key, detail::typeKeyOf<T>, operation);
   const auto subscriber = detail::checkedEntry<T>(board.subscribers, key, operation);
   const auto [entry, inserted] = board.getters.try_emplace(std::move(key), std::move(stored));
   if (!inserted) {
@@ -276,10 +380,14 @@ void Contract::publish(std::string fullKey, const G& getter, const char* operati
   }
   // std::bad_function_call for an empty getter, which stays stored
   const detail::Wiped<T> value{detail::invokeOrThrow(getter)};
-  if (subscriber == board.subscribers.end()) return;
-  const detail::StoredFunction delivery = subscriber->second;
-  lock.unlock();
-  delivery.template deliver<T>(value.value);  // std::bad_function_call for an empty subscriber
+  if (subscriber != board.subscribers.end()) {
+    const detail::StoredFunction delivery = subscriber->second;
+    lock.unlock();
+    delivery.template deliver<T>(value.value);  // std::bad_function_call for an empty subscriber
+  } else {
+    lock.unlock();
+  }
+  if (listeners.listeners) deliverToListeners(listeners, &value.value, operation);
 }
 
 template <typename T>
@@ -287,15 +395,19 @@ void Contract::notifyKey(std::string fullKey, const T& value, const char* operat
   detail::requireTopicValueType<T>();
   const BoardKey key(std::move(fullKey));
   BoardData& board = data();
+  detail::ListenerDelivery listeners;
   tessel::detail::TrackedLock lock(board.mutex, operation, key.text);
+  listeners = takeListeners(key, detail::typeKeyOf<T>, operation);
   const auto subscriber = detail::checkedEntry<T>(board.subscribers, key, operation);
   if (subscriber == board.subscribers.end()) {
     detail::checkedEntry<T>(board.getters, key, operation);
-    return;
+    lock.unlock();
+  } else {
+    const detail::StoredFunction delivery = subscriber->second;
+    lock.unlock();
+    delivery.template deliver<T>(value);
   }
-  const detail::StoredFunction delivery = subscriber->second;
-  lock.unlock();
-  delivery.template deliver<T>(value);
+  if (listeners.listeners) deliverToListeners(listeners, &value, operation);
 }
 
 template <typename T, typename S>
@@ -307,6 +419,7 @@ void Contract::subscribeKey(std::string fullKey, const S& subscriber, const char
   tessel::detail::TrackedLock lock(board.mutex, operation, key.text);
   const auto getter = detail::checkedEntry<T>(board.getters, key, operation);
   const auto previous = detail::checkedEntry<T>(board.subscribers, key, operation);
+  listenersOf(key, detail::typeKeyOf<T>, operation);
   if (getter != board.getters.end() && !getter->second.empty()) {
     const detail::Wiped<T> value{getter->second.template get<T>()};
     detail::invokeOrThrow(subscriber, value.value);  // the initial delivery; nothing is stored if it throws
@@ -327,10 +440,51 @@ boost::optional<T> Contract::read(std::string fullKey, const char* operation) {
   const auto getter = detail::checkedEntry<T>(board.getters, key, operation);
   if (getter == board.getters.end()) {
     detail::checkedEntry<T>(board.subscribers, key, operation);
+    listenersOf(key, detail::typeKeyOf<T>, operation);
     return boost::none;
   }
   if (getter->second.empty()) return boost::none;
   return getter->second.template get<T>();
+}
+
+// The listener is attached under the list's lock, before the current value and the last publication's
+// number are read under the board's: no delivery can reach it before it has that number (deliveries
+// take the list's lock), and every publication numbered after it waits for the list's lock, which is
+// held until the listener has been handed the current value (topic_listeners.hpp has the argument).
+template <typename T, typename C, typename... Owners>
+tessel::Connection Contract::listen(std::string fullKey, const C& callback, const char* operation,
+                                    const Owners&... owners) {
+  refuseUnderBoardLock(operation, detail::TopicListeners::kLockName);
+  const BoardKey key(std::move(fullKey));
+  if (detail::isEmpty(callback)) detail::throwEmptyListener(operation, key.text);
+  const auto listener = std::make_shared<detail::TopicListener<T, C>>(callback);
+  const std::shared_ptr<detail::TopicListeners> listeners = joinListeners(key, detail::typeKeyOf<T>, operation);
+  tessel::detail::TrackedLock listening(listeners->mutex, operation, key.text);
+  struct Undo {  // a connect that fails leaves its listener disconnected, never called
+    tessel::Connection connection;
+    bool done = false;
+    ~Undo() {
+      if (!done) connection.disconnect();
+    }
+  } undo{listeners->signal.connectAs(
+      operation, [listener](const void* value, std::uint64_t number) { (*listener)(value, number); }, owners...)};
+  listener->self = undo.connection;
+  BoardData& board = data();
+  tessel::detail::TrackedLock lock(board.mutex, operation, key.text);
+  const auto getter = detail::checkedEntry<T>(board.getters, key, operation);  // a 13.1 module checks no list
+  listener->joinedAfter = admitListener(*listeners, undo.connection);
+  if (getter != board.getters.end() && !getter->second.empty()) {
+    const detail::Wiped<T> current{getter->second.template get<T>()};
+    lock.unlock();
+    // An owner that has expired, or expires now, gets no first value: the listener is never called.
+    const std::array<std::shared_ptr<const void>, sizeof...(Owners)> kept{std::weak_ptr<const void>(owners).lock()...};
+    if (std::all_of(kept.begin(), kept.end(), [](const auto& owner) { return owner != nullptr; }))
+      listener->deliver(current.value);
+  } else {
+    lock.unlock();
+  }
+  undo.done = true;
+  return undo.connection;
 }
 
 /// @endcond

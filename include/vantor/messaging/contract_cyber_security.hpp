@@ -11,13 +11,17 @@
 ///
 /// Topics, on the message board under the contract's name "CyberSecurity":
 ///
-/// | Topic                   | Value | Published by                             | Reaches                       |
-/// |-------------------------|-------|------------------------------------------|-------------------------------|
-/// | `"Secured"`             | bool  | updateSecured()                          | the secured signal            |
-/// | `"NewCredentials"`      | bool  | updateAboutNewCreds() (notified only)    | the new-credentials signal    |
-/// | `"SecurityToken"`       | Token | updateSecurityToken()                    | the token signal              |
-/// | `"IP:<address>"`        | bool  | updateIpAllPortsAllowed()                | isIpSecured(), which reads it |
-/// | `"IP:<address>:<port>"` | bool  | updateIpPortAllowed(), and the port walk | subscribeToIpPortAllowed()    |
+/// | Topic                   | Value | Published by                             | Reaches                         |
+/// |-------------------------|-------|------------------------------------------|---------------------------------|
+/// | `"Secured"`             | bool  | updateSecured()                          | the secured signal              |
+/// | `"NewCredentials"`      | bool  | updateAboutNewCreds() (notified only)    | the new-credentials signal      |
+/// | `"SecurityToken"`       | Token | updateSecurityToken()                    | the token signal                |
+/// | `"IP:<address>"`        | bool  | updateIpAllPortsAllowed()                | isIpSecured(), which reads it   |
+/// | `"IP:<address>:<port>"` | bool  | updateIpPortAllowed(), and the port walk | one subscription, any listeners |
+///
+/// A pair's one subscription (subscribeToIpPortAllowed) is replaced by the next; its listeners
+/// (connectIpPortAllowed, any number, each with a Connection, tracked or queued if asked) sit beside
+/// it and are handed its flag first, then every later publication. isIpPortAllowed() reads the flag.
 ///
 /// Addresses enter keys byte for byte, unvalidated and unescaped; ports are written as `"%d"` prints
 /// them.
@@ -43,7 +47,9 @@
 /// delivery of its subscription; during that initial delivery an operation that takes the board lock
 /// (updates, (un)subscriptions, isIpSecured while secured) throws the same error, and so does a
 /// connect operation (it would take a signal's lock under the board's, the one order that may close a
-/// cycle), at once. Cycles through a mutex of the host's own are not detected and still hang.
+/// cycle), at once. A listener of connectIpPortAllowed never runs under the board lock, but under its
+/// pair's listener lock: it may call any operation except publishing its own pair or connecting to it,
+/// which throw the same error. Cycles through a mutex of the host's own are not detected and still hang.
 ///
 /// The security token: the contract wipes its copy of the token when it is replaced or cleared and
 /// when the contract is destroyed, and the board wipes the copies it reads through the getter. The
@@ -73,6 +79,7 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -111,7 +118,9 @@ class VANTOR_MESSAGE_BOARD_API CyberSecurityContract final : public Contract {
   /// A callback of one flag. On the secured or new-credentials signal it runs under that signal's lock,
   /// and may publish into that signal or connect to it (both nest on this thread). Given to
   /// subscribeToIpPortAllowed() it runs outside the board lock, except for its initial delivery, which
-  /// runs under it: then it must call no operation that takes the board lock, nor connect.
+  /// runs under it: then it must call no operation that takes the board lock, nor connect. Given to
+  /// connectIpPortAllowed() it runs under the pair's listener lock, never the board lock, and must not
+  /// publish the pair or connect to it (both throw `std::system_error`).
   using FlagCallback = std::function<void(bool)>;
   /// A token callback. Runs under the token signal's lock; it may call updateSecurityToken() and connect
   /// to the token signal (both nest on this thread). It always receives an engaged
@@ -223,28 +232,64 @@ class VANTOR_MESSAGE_BOARD_API CyberSecurityContract final : public Contract {
 
   // ---- IP and port allowance
 
-  /// Publishes `allowed` for the pair, and hands it to the pair's listener, if there is one, on this
-  /// thread after the board lock is released.
-  /// @throws std::bad_function_call when the pair's listener is empty (the flag stays published).
+  /// Publishes `allowed` for the pair, and hands it to the pair's subscription, if there is one, then
+  /// to its listeners, on this thread after the board lock is released.
+  /// @throws std::bad_function_call when the pair's subscription is empty (the flag stays published,
+  ///         and the listeners miss it).
   /// @throws std::system_error (resource_deadlock_would_occur) when called under the board lock, or
   ///         when waiting for it would close a lock cycle.
-  /// @throws std::bad_alloc on allocation failure. What the listener throws passes through.
+  /// @throws std::bad_alloc on allocation failure. What the subscription or a listener throws passes
+  ///         through, and the listeners after it miss the flag.
   void updateIpPortAllowed(const std::string& address, int port, bool allowed);
   /// Publishes `allowed` for the address as a whole (read by isIpSecured), then for each port of the
   /// port list as it is once that is done, in order. Throws as updateIpPortAllowed() does and stops at
   /// the first failure; what was published before stays.
   void updateIpAllPortsAllowed(const std::string& address, bool allowed);
-  /// Makes `callback` the pair's one listener (replacing an earlier one). If the pair has a published
-  /// flag, `callback` receives it before this returns, under the board lock (see FlagCallback).
+  /// Makes `callback` the pair's one subscription (replacing an earlier one; the listeners of
+  /// connectIpPortAllowed() stay as they are). If the pair has a published flag, `callback` receives
+  /// it before this returns, under the board lock (see FlagCallback).
   /// @throws std::bad_function_call when `callback` is empty and the pair has a flag. Then, and when
   ///         the initial delivery throws (which passes through), nothing is stored.
   /// @throws std::system_error (resource_deadlock_would_occur) as updateIpPortAllowed() does.
   /// @throws std::bad_alloc on allocation failure.
   void subscribeToIpPortAllowed(const std::string& address, int port, const FlagCallback& callback);
-  /// Removes the pair's published flag and its listener; a pair with neither is not an error.
+  /// Removes the pair's published flag and its subscription. Listeners connected with
+  /// connectIpPortAllowed() stay connected, are handed nothing for it, and receive the pair's next
+  /// publication. A pair with neither flag nor subscription is not an error.
   /// @throws std::system_error (resource_deadlock_would_occur) as updateIpPortAllowed() does.
   /// @throws std::bad_alloc when the key cannot be allocated.
   void unsubscribeFromIpPortAllowed(const std::string& address, int port);
+  /// Adds `callback` to the pair's listeners, any number of them beside its one subscription, and returns
+  /// its Connection (disconnecting it withdraws nothing). If the pair has a published flag, `callback`
+  /// receives it first, on this thread before this returns; then every later publication of the pair,
+  /// none missed. It runs under the pair's listener lock, not the board lock, and must not publish the
+  /// same pair nor connect to it (both throw `std::system_error`); it may call any other operation.
+  /// @throws std::invalid_argument when `callback` is empty; nothing changes.
+  /// @throws std::system_error (resource_deadlock_would_occur) under the board lock (a getter, an initial
+  ///         delivery), from a listener of the same pair, or when a wait would close a lock cycle.
+  /// @throws std::bad_alloc on allocation failure. What the first delivery throws passes through; then,
+  ///         as on every failure, nothing is connected.
+  tessel::Connection connectIpPortAllowed(const std::string& address, int port, const FlagCallback& callback);
+  /// connectIpPortAllowed() for a listener tracked by `owner` (a std::shared_ptr or std::weak_ptr of any
+  /// type converts), as connectSecuredSignalWithHandle() with an owner: never called once the owner has
+  /// expired, which it keeps alive while it runs. Throws as the other form does.
+  tessel::Connection connectIpPortAllowed(const std::string& address, int port, const FlagCallback& callback,
+                                          const std::weak_ptr<const void>& owner);
+  /// connectIpPortAllowed() for a listener that runs on the thread that drains `mailbox` (the caller
+  /// includes vantor/tessel/mailbox.hpp): the pair's flag, then each publication, is posted to the
+  /// mailbox in that order, and runs at its next drain() unless the listener was disconnected, or
+  /// `owner` expired, by then, as Contract::connectTopic() with a mailbox does. Throws as
+  /// connectIpPortAllowed() does; a publication also throws what Mailbox::post() throws.
+  tessel::Connection connectIpPortAllowed(const std::string& address, int port, tessel::Mailbox& mailbox,
+                                          const FlagCallback& callback);
+  /// The queued connectIpPortAllowed() for a listener tracked by `owner`. Throws as the other forms do.
+  tessel::Connection connectIpPortAllowed(const std::string& address, int port, tessel::Mailbox& mailbox,
+                                          const FlagCallback& callback, const std::weak_ptr<const void>& owner);
+  /// The flag last published for the pair, or none when it was never published or was withdrawn since.
+  /// Reads the board under its lock; calls no callback.
+  /// @throws std::system_error (resource_deadlock_would_occur) as updateIpPortAllowed() does.
+  /// @throws std::bad_alloc when the key cannot be allocated.
+  std::optional<bool> isIpPortAllowed(const std::string& address, int port);
   /// True while the system is not secured, for every address; otherwise the flag last published for
   /// the address as a whole, false if none was. Port flags do not count.
   /// @throws std::system_error (resource_deadlock_would_occur) while secured, as updateIpPortAllowed()

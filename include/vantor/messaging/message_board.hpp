@@ -7,7 +7,9 @@
 /// getter (returns the topic's current value) and at most one subscriber (is handed each new value).
 /// The board has no operations of its own: every read and write of its maps is a topic operation of
 /// `Contract` (contract.hpp), performed under the board's single mutex. Hosts never touch the board;
-/// they call a contract.
+/// they call a contract. Beside the two maps, the library keeps the listener list of each key that has
+/// listeners (Contract::connectTopic; vantor/messaging/detail/topic_listeners.hpp), under the same mutex
+/// but outside BoardData, whose layout is part of the ABI.
 ///
 /// Lifetime: `MessageBoard::instance_` is constructed when the library is loaded and destroyed at
 /// process exit or library unload, after every contract singleton (those register their destruction
@@ -65,7 +67,8 @@ struct BoardData {
   /// getters, initial deliveries and the destructors of replaced or erased function objects run.
   /// Ordering with a signal's lock (vantor/tessel/signal.hpp): a signal's callback may take this lock
   /// (the signal's lock is held first); the reverse happens only while a contract's constructor
-  /// subscribes its own subscribers, when its signals have no callbacks yet.
+  /// subscribes its own subscribers, when its signals have no callbacks yet. A topic's listener lock is
+  /// likewise taken before this one and never under it.
   tessel::detail::TrackedMutex mutex{"the message board's lock"};
   BoardMap getters VANTOR_GUARDED_BY(mutex);      ///< At most one getter per full key.
   BoardMap subscribers VANTOR_GUARDED_BY(mutex);  ///< At most one subscriber per full key.
