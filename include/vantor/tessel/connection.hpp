@@ -228,7 +228,7 @@ struct SlotState : Connection::Status {
 
   // Has the signal let go of this (disconnected) slot, if it can now; `lockName` receives the signal's
   // lock when this thread runs inside it.
-  Release release(const char** lockName) noexcept {
+  Release release(const char** lockName) const noexcept {
     if (signal.load(std::memory_order_acquire) == nullptr) return Release::kDone;
     std::unique_lock<std::mutex> registry(releaseRegistry().mutex);
     void* const owner = signal.load(std::memory_order_acquire);

@@ -54,8 +54,7 @@ class SignalView {
   }
   /// Signal::connect() for the member function `method` of `object` (a raw pointer, or a std::shared_ptr
   /// or std::weak_ptr, which tracks the slot). Throws as connect() does.
-  template <typename Method, typename Object,
-            typename = std::enable_if_t<std::is_member_function_pointer_v<Method>>>
+  template <typename Method, typename Object, typename = std::enable_if_t<std::is_member_function_pointer_v<Method>>>
   Connection connect(Method method, const Object& object) const {
     checked("SignalView::connect");
     return signal_->connect(method, object);
