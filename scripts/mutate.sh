@@ -18,12 +18,12 @@ scratch="$(mktemp -d /tmp/vantor-mutate.XXXXXX)"
 tree="$scratch/tree"
 
 read -r -d '' table <<'EOF' || true
-deliver-under-board-lock @@ include/vantor/messaging/contract.hpp @@   lock.unlock();\n  delivery.template deliver<T>(value.value); @@   delivery.template deliver<T>(value.value);\n  lock.unlock();
+deliver-under-board-lock @@ include/vantor/messaging/contract.hpp @@     lock.unlock();\n    delivery.template deliver<T>(value.value);  // std::bad_function_call for an empty subscriber @@     delivery.template deliver<T>(value.value);\n    lock.unlock();
 store-subscriber-before-initial-delivery @@ include/vantor/messaging/contract.hpp @@     detail::invokeOrThrow(subscriber, value.value);  // the initial delivery; nothing is stored if it throws @@     board.subscribers.insert_or_assign(key, detail::StoredFunction(stored));\n    detail::invokeOrThrow(subscriber, value.value);
 no-initial-delivery @@ include/vantor/messaging/contract.hpp @@     detail::invokeOrThrow(subscriber, value.value);  // the initial delivery; nothing is stored if it throws @@     (void)value;
 empty-getter-not-stored @@ include/vantor/messaging/contract.hpp @@     entry->second = std::move(stored);  // the previous getter @@     if (!stored.empty()) entry->second = std::move(stored);  // the previous getter
 get-calls-an-empty-getter @@ include/vantor/messaging/contract.hpp @@   if (getter->second.empty()) return boost::none; @@ 
-notify-stores-nothing-but-delivers-twice @@ include/vantor/messaging/contract.hpp @@   delivery.template deliver<T>(value);\n} @@   delivery.template deliver<T>(value);\n  delivery.template deliver<T>(value);\n}
+notify-stores-nothing-but-delivers-twice @@ include/vantor/messaging/contract.hpp @@     delivery.template deliver<T>(value);\n  } @@     delivery.template deliver<T>(value);\n    delivery.template deliver<T>(value);\n  }
 purge-with-colon @@ src/message_board.cpp @@ it->first.text.compare(0, prefix.size(), prefix) == 0 @@ it->first.text.compare(0, prefix.size() + 1, prefix + ":") == 0
 key-without-colon @@ src/message_board.cpp @@   fullKey.push_back(':'); @@ 
 unsubscribe-keeps-the-getter @@ src/message_board.cpp @@   board.getters.erase(key); @@ 
@@ -55,7 +55,7 @@ wait-ends-before-the-callback-is-destroyed @@ include/vantor/tessel/signal.hpp @
 disconnect-all-inside-keeps-calling @@ include/vantor/tessel/signal.hpp @@     for (const Slot& slot : slots_) slot.second->disconnected.store(true, std::memory_order_release); @@ 
 blockers-not-counted @@ include/vantor/tessel/connection.hpp @@ blocks.fetch_add(detail::SlotState::kOneBlocker); @@ blocks.fetch_or(detail::SlotState::kOneBlocker);
 scoped-assignment-keeps-the-old-slot @@ include/vantor/tessel/connection.hpp @@       connection_.disconnect();\n      connection_ = other.release(); @@       connection_ = other.release();
-lock-holder-never-cleared @@ include/vantor/tessel/detail/tracked_lock.hpp @@   // Releases the mutex early; the destructor then does nothing.\n  [[gnu::always_inline]] void unlock() noexcept VANTOR_RELEASE() {\n    if (!owns_) return;\n    owns_ = false;\n    mutex_.holder_.store(std::thread::id(), std::memory_order_relaxed); @@   // Releases the mutex early; the destructor then does nothing.\n  [[gnu::always_inline]] void unlock() noexcept VANTOR_RELEASE() {\n    if (!owns_) return;\n    owns_ = false;
+lock-holder-never-cleared @@ include/vantor/tessel/detail/tracked_lock.hpp @@     holder_.store(std::thread::id(), std::memory_order_relaxed);\n    mutex_.unlock(); @@     mutex_.unlock();
 reentry-not-detected @@ include/vantor/tessel/detail/tracked_lock.hpp @@     if (mutex.holder_.load(std::memory_order_relaxed) == self) throwReentry(mutex, operation, subject); @@ 
 signal-lock-does-not-nest @@ include/vantor/tessel/detail/tracked_lock.hpp @@     if (mutex.holder_.load(std::memory_order_relaxed) == self) return;  // nested: the outer hold owns it @@ 
 cycle-not-detected @@ include/vantor/tessel/detail/tracked_lock.hpp @@       if (holder == self) return length; @@       if (holder == self) return 0;

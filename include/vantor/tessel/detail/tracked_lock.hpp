@@ -105,6 +105,16 @@ class VANTOR_CAPABILITY("mutex") TrackedMutex {
   friend class TrackedLock;
   friend class NestingLock;
 
+  // The holder's bookkeeping, by the locks: right after locking, and unlocking.
+  [[gnu::always_inline]] void held(std::thread::id self, const char* operation) noexcept {
+    holder_.store(self, std::memory_order_relaxed);
+    holderOperation_ = operation;
+  }
+  [[gnu::always_inline]] void release() noexcept {
+    holder_.store(std::thread::id(), std::memory_order_relaxed);
+    mutex_.unlock();
+  }
+
   std::mutex mutex_;
   // Written only by the thread that holds mutex_: its id right after locking, the default id right
   // before unlocking. A thread that reads its own id therefore holds the mutex. Other threads read it
@@ -129,8 +139,7 @@ class VANTOR_SCOPED_CAPABILITY TrackedLock {
     const std::thread::id self = std::this_thread::get_id();
     if (mutex.holder_.load(std::memory_order_relaxed) == self) throwReentry(mutex, operation, subject);
     if (!mutex.mutex_.try_lock()) waitFor(mutex, self, operation, subject);
-    mutex.holder_.store(self, std::memory_order_relaxed);
-    mutex.holderOperation_ = operation;
+    mutex.held(self, operation);
   }
 
   TrackedLock(const TrackedLock&) = delete;
@@ -142,8 +151,7 @@ class VANTOR_SCOPED_CAPABILITY TrackedLock {
   [[gnu::always_inline]] void unlock() noexcept VANTOR_RELEASE() {
     if (!owns_) return;
     owns_ = false;
-    mutex_.holder_.store(std::thread::id(), std::memory_order_relaxed);
-    mutex_.mutex_.unlock();
+    mutex_.release();
   }
 
  private:
@@ -267,14 +275,12 @@ class VANTOR_SCOPED_CAPABILITY NestingLock {
   [[gnu::always_inline]] void unlock() noexcept VANTOR_RELEASE() {
     if (!owns_) return;
     owns_ = false;
-    mutex_.holder_.store(std::thread::id(), std::memory_order_relaxed);
-    mutex_.mutex_.unlock();
+    mutex_.release();
   }
 
  private:
   [[gnu::always_inline]] void take(std::thread::id self, const char* operation) noexcept {
-    mutex_.holder_.store(self, std::memory_order_relaxed);
-    mutex_.holderOperation_ = operation;
+    mutex_.held(self, operation);
     owns_ = true;
   }
 
